@@ -16,6 +16,10 @@ using V = platform::Value;
 std::map<std::string, Operation, std::less<>> makeTable() {
   return {
       // Request handlers.
+      {"migratePreferencesFile:", &R::migratePreferencesFile},
+      {"prepareLogContainer:", &R::prepareLogContainer},
+      {"prepareWorkContainer:", &R::prepareWorkContainer},
+      {"removeWorkContainer:", &R::removeWorkContainer},
       // Other public operations of the responder.
       {"handleOvixMessage:", [](R&, const V&) { return false; }},
       {"hasEntitlementQuillexd", [](R& r, const V&) { return r.hasEntitlementQuillexd(); }},
