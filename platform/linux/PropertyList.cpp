@@ -15,6 +15,7 @@
 #include "platform/linux/PlistInputCheck.h"
 #include "platform/linux/PlistNode.h"
 #include "platform/linux/UniqueFd.h"
+#include "platform/linux/Utf8.h"
 
 namespace platform {
 
@@ -28,37 +29,6 @@ enum Code : std::int64_t { kMalformed = 1, kTooDeep = 2, kUnsupported = 3, kTooL
 
 Error plistError(Code code, std::string description) {
   return Error{kDomain, code, std::move(description)};
-}
-
-bool isValidUtf8(std::string_view s) {
-  std::size_t i = 0;
-  while (i < s.size()) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    std::size_t n;
-    char32_t cp;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xe0) == 0xc0) {
-      n = 1, cp = c & 0x1f;
-    } else if ((c & 0xf0) == 0xe0) {
-      n = 2, cp = c & 0x0f;
-    } else if ((c & 0xf8) == 0xf0) {
-      n = 3, cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + n >= s.size()) return false;
-    for (std::size_t k = 1; k <= n; ++k) {
-      unsigned char cc = static_cast<unsigned char>(s[i + k]);
-      if ((cc & 0xc0) != 0x80) return false;
-      cp = (cp << 6) | (cc & 0x3f);
-    }
-    static constexpr char32_t kMin[] = {0, 0x80, 0x800, 0x10000};
-    if (cp < kMin[n] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff)) return false;
-    i += n + 1;
-  }
-  return true;
 }
 
 // Text libplist's C interface can carry: no NUL (it takes C strings) and
