@@ -163,8 +163,8 @@ std::optional<std::string> groupName(gid_t gid) {
 
 Result<Dictionary> LinuxFileSystem::attributesOfItem(const std::string& path) {
   struct statx sx {};
-  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) !=
-      0)
+  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW,
+              STATX_BASIC_STATS | STATX_BTIME, &sx) != 0)
     return posixError(errno, path);
   Dictionary d;
   d.set(attr::kFileType, fileTypeName(sx.stx_mode));
