@@ -50,8 +50,7 @@ inline constexpr std::size_t kNameSize = 72;
 // The partition type the volume manager gives its file-system partitions,
 // stored in standard UUID byte order (the volume manager never converts it).
 inline constexpr std::array<std::uint8_t, 16> kMarlPartitionType = {
-    0x4D, 0x41, 0x52, 0x4C, 0x7E, 0x51, 0x4B, 0x0A,
-    0x9D, 0x3C, 0x2F, 0x6A, 0x81, 0xC0, 0x5E, 0x17};
+    0x4D, 0x41, 0x52, 0x4C, 0x7E, 0x51, 0x4B, 0x0A, 0x9D, 0x3C, 0x2F, 0x6A, 0x81, 0xC0, 0x5E, 0x17};
 
 std::uint32_t load32(const std::uint8_t* p);
 std::uint64_t load64(const std::uint8_t* p);
@@ -76,7 +75,7 @@ struct BlockWrite {
 // Primary blocks 1 and 2 made consistent again, and the backup GPT that
 // goes with them: what the volume layer writes after the table changed.
 struct SealedTable {
-  Data primary;  // blocks 1 and 2, both CRC fields recomputed
+  Data primary;                    // blocks 1 and 2, both CRC fields recomputed
   std::vector<BlockWrite> backup;  // backup entry block and backup header
 };
 

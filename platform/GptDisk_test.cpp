@@ -11,7 +11,8 @@ constexpr std::uint32_t kBs = 4096;
 
 Data assemble(const DiskImage& image, std::uint64_t blockCount) {
   Data disk(blockCount * kBs, 0);
-  for (const auto& w : image.writes) std::copy(w.bytes.begin(), w.bytes.end(), disk.begin() + w.offset);
+  for (const auto& w : image.writes)
+    std::copy(w.bytes.begin(), w.bytes.end(), disk.begin() + w.offset);
   return disk;
 }
 
@@ -102,7 +103,8 @@ TEST(GptDisk, SealingRepairsStaleChecksumsAndRewritesTheBackup) {
   auto sealed = sealTable(blocks, kBs, 1024);
   ASSERT_TRUE(sealed.ok());
   std::copy(sealed->primary.begin(), sealed->primary.end(), disk.begin() + kBs);
-  for (const auto& w : sealed->backup) std::copy(w.bytes.begin(), w.bytes.end(), disk.begin() + w.offset);
+  for (const auto& w : sealed->backup)
+    std::copy(w.bytes.begin(), w.bytes.end(), disk.begin() + w.offset);
 
   expectValidHeader(disk, 1, 1023);
   expectValidHeader(disk, 1023, 1);

@@ -33,8 +33,7 @@ class DiskDevice {
   virtual Result<std::uint64_t> blockCount() = 0;
   // The byte count transferred; fewer than asked at the end of the device.
   virtual Result<std::size_t> pread(std::span<std::uint8_t> buffer, std::uint64_t offset) = 0;
-  virtual Result<std::size_t> pwrite(std::span<const std::uint8_t> bytes,
-                                     std::uint64_t offset) = 0;
+  virtual Result<std::size_t> pwrite(std::span<const std::uint8_t> bytes, std::uint64_t offset) = 0;
 };
 
 class VolumeLayer {

@@ -25,7 +25,8 @@ platform::Data tableBlocks(const GPTHeaderRecord& gpt, std::uint32_t blockSize) 
   platform::Data buffer(2 * std::size_t(blockSize), 0);
   std::copy(gpt.header.bytes.begin(), gpt.header.bytes.end(), buffer.begin());
   auto out = buffer.begin() + blockSize;
-  for (const auto& entry : gpt.entries) out = std::copy(entry.bytes.begin(), entry.bytes.end(), out);
+  for (const auto& entry : gpt.entries)
+    out = std::copy(entry.bytes.begin(), entry.bytes.end(), out);
   return buffer;
 }
 
@@ -79,7 +80,8 @@ int adjust_partition(const storage::StorageServices& services, std::uint64_t new
   }
 
   const std::uint64_t newBytes = requiredBlocks * blockSize;
-  const std::uint64_t currentBytes = which < count ? gpt.entries[which].blockCount() * blockSize : 0;
+  const std::uint64_t currentBytes =
+      which < count ? gpt.entries[which].blockCount() * blockSize : 0;
   if (mountPoint && newBytes < currentBytes) {
     if (newBytes == 0) {
       QLXHLog("can't delete partition %d, currently mounted on %s", which, *mountPoint);

@@ -20,7 +20,8 @@ class AdjustPartition : public DiskTest {
     std::size_t at = 0;
     for (const auto& line : lines) {
       std::size_t found = said.find(line, at);
-      ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line << "\nin:\n" << said;
+      ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line << "\nin:\n"
+                                          << said;
       at = found + line.size();
     }
   }
@@ -53,8 +54,8 @@ TEST_F(AdjustPartition, GrowWritesAndSyncsTheTableBeforeGrowingTheFileSystem) {
   ASSERT_EQ(adjust(819 * kBlock), 0);
   EXPECT_EQ(volumes.events, (Events{"open 0", "open 18", "write 4096 8192", "sync",
                                     "resize /private/var 3354624"}));
-  expectInOrder({"Wrote GPT header back to disk",
-                 "expanding Marl filesystem on /private/var to 3354624"});
+  expectInOrder(
+      {"Wrote GPT header back to disk", "expanding Marl filesystem on /private/var to 3354624"});
   EXPECT_EQ(entry(1).lastLBA(), 921u);
   EXPECT_EQ(entry(2).firstLBA(), 922u);  // Update moves forward by the growth
   EXPECT_EQ(entry(2).lastLBA(), kLastUsable);
@@ -85,8 +86,10 @@ TEST_F(AdjustPartition, WritesBlocks1And2OnlyWithZerosBeyondTheRecordsAndTheCRCs
   const auto& [offset, bytes] = volumes.writes[0];
   EXPECT_EQ(offset, kBlock);
   ASSERT_EQ(bytes.size(), 2 * kBlock);
-  EXPECT_TRUE(std::all_of(bytes.begin() + 92, bytes.begin() + kBlock, [](auto b) { return b == 0; }));
-  EXPECT_TRUE(std::all_of(bytes.begin() + kBlock + 1024, bytes.end(), [](auto b) { return b == 0; }));
+  EXPECT_TRUE(
+      std::all_of(bytes.begin() + 92, bytes.begin() + kBlock, [](auto b) { return b == 0; }));
+  EXPECT_TRUE(
+      std::all_of(bytes.begin() + kBlock + 1024, bytes.end(), [](auto b) { return b == 0; }));
   EXPECT_TRUE(std::equal(before.bytes.begin(), before.bytes.end(), bytes.begin()));
   // Stale on purpose: the volume layer below seals the table.
   EXPECT_EQ(platform::gpt::load32(&bytes[platform::gpt::kHeaderCrc]), headerCrc);
@@ -157,8 +160,8 @@ TEST_F(AdjustPartition, ALowerCaseUUIDMatchesButANonTextUUIDDoesNot) {
     return UUIDProperty{true, platform::Value(42)};
   };
   EXPECT_EQ(adjust(400 * kBlock), 1);
-  expectInOrder({"failed to get string from UUID property (unexpected)",
-                 "filesystem must be mounted"});
+  expectInOrder(
+      {"failed to get string from UUID property (unexpected)", "filesystem must be mounted"});
 }
 
 TEST_F(AdjustPartition, OnlyTheFirstEightMountsAreScanned) {
@@ -172,8 +175,8 @@ TEST_F(AdjustPartition, AFailedMountScanScansNothing) {
   mount(1, "disk0s2", "/private/var");
   volumes.mountScanFails = true;
   EXPECT_EQ(adjust(500 * kBlock), 1);
-  expectInOrder({"failed to get filesystem information",
-                 "scanning -1 filesystems for " + uuidOf(1), "filesystem must be mounted"});
+  expectInOrder({"failed to get filesystem information", "scanning -1 filesystems for " + uuidOf(1),
+                 "filesystem must be mounted"});
 }
 
 TEST_F(AdjustPartition, AFailedShrinkOfTheFileSystemLeavesTheTableAlone) {
@@ -200,8 +203,9 @@ TEST_F(AdjustPartition, WriteFailuresAreReportedWithTheReturnAndErrno) {
   mount(1, "disk0s2", "/private/var");
   volumes.writeErrno = 16;
   EXPECT_EQ(adjust(500 * kBlock), 1);
-  expectInOrder({"failed to write GPT header and table to /dev/rdisk0s1 (return -1). "
-                 "errno=16 : Device or resource busy"});
+  expectInOrder(
+      {"failed to write GPT header and table to /dev/rdisk0s1 (return -1). "
+       "errno=16 : Device or resource busy"});
   EXPECT_EQ(volumes.events.back(), "write 4096 8192");  // no sync, no growth
 
   volumes.writeErrno = 0;

@@ -24,8 +24,8 @@ void createEntry(GPTEntry& entry, const GPTHeader& header, std::uint64_t blocks)
 
 }  // namespace
 
-int brovAdjustPartition(const BrovMediaGeometry* geometry, GPTHeader* header,
-                        GPTEntryTable* table, std::int32_t index, std::uint64_t newSize) {
+int brovAdjustPartition(const BrovMediaGeometry* geometry, GPTHeader* header, GPTEntryTable* table,
+                        std::int32_t index, std::uint64_t newSize) {
   const std::uint64_t blockSize = geometry->blockSize;
   const std::uint64_t blocks = (newSize + blockSize - 1) / blockSize;
   std::int32_t count = header->entryCount();

@@ -13,5 +13,5 @@
 // and the header's entry count change in place. Returns 0, or -1 with a
 // "brov: " line on standard error; after a failed fit the entries stay as
 // rearranged, the count is unchanged, and the caller must not write them.
-int brovAdjustPartition(const BrovMediaGeometry* geometry, GPTHeader* header,
-                        GPTEntryTable* table, std::int32_t index, std::uint64_t newSize);
+int brovAdjustPartition(const BrovMediaGeometry* geometry, GPTHeader* header, GPTEntryTable* table,
+                        std::int32_t index, std::uint64_t newSize);

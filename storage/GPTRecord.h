@@ -26,7 +26,7 @@ struct GPTEntry {
   }
   std::span<std::uint8_t, platform::gpt::kNameSize> name() {
     return std::span<std::uint8_t, platform::gpt::kNameSize>(&bytes[platform::gpt::kName],
-                                                            platform::gpt::kNameSize);
+                                                             platform::gpt::kNameSize);
   }
 };
 

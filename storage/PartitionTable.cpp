@@ -25,8 +25,11 @@ std::optional<std::array<std::uint8_t, platform::gpt::kNameSize>> unicodeName(
   };
   for (std::size_t i = 0; i < utf8.size();) {
     const auto lead = static_cast<std::uint8_t>(utf8[i]);
-    std::size_t length = lead < 0x80 ? 1 : (lead >> 5) == 6 ? 2 : (lead >> 4) == 14 ? 3
-                                       : (lead >> 3) == 30 ? 4 : 0;
+    std::size_t length = lead < 0x80         ? 1
+                         : (lead >> 5) == 6  ? 2
+                         : (lead >> 4) == 14 ? 3
+                         : (lead >> 3) == 30 ? 4
+                                             : 0;
     if (length == 0 || i + length > utf8.size()) return std::nullopt;
     std::uint32_t cp = length == 1 ? lead : lead & (0x7F >> length);
     for (std::size_t k = 1; k < length; ++k) {

@@ -108,7 +108,8 @@ TEST_F(PartitionTableRead, ShortReadsAreRefused) {
   volumes.disk.resize(kBlock + 100);  // block 0 complete, block 1 not
   EXPECT_EQ(read(), 0);
   // Media this small only draws the geometry warning before the read.
-  EXPECT_EQ(said, "brov: media too small\nFailed to read GPT header and table from /dev/rdisk0s1\n");
+  EXPECT_EQ(said,
+            "brov: media too small\nFailed to read GPT header and table from /dev/rdisk0s1\n");
   volumes.disk.resize(kBlock);
   volumes.diskBlockSize = 8192;  // one block of 8192 that holds only 4096 bytes
   EXPECT_EQ(read(), 0);

@@ -45,10 +45,20 @@ std::optional<std::uint64_t> parseSize(std::string_view text) {
   if (text.empty()) return std::nullopt;
   std::uint64_t multiplier = 1;
   switch (text.back()) {
-    case 'K': case 'k': multiplier = 1ull << 10; break;
-    case 'M': case 'm': multiplier = 1ull << 20; break;
-    case 'G': case 'g': multiplier = 1ull << 30; break;
-    default: break;
+    case 'K':
+    case 'k':
+      multiplier = 1ull << 10;
+      break;
+    case 'M':
+    case 'm':
+      multiplier = 1ull << 20;
+      break;
+    case 'G':
+    case 'g':
+      multiplier = 1ull << 30;
+      break;
+    default:
+      break;
   }
   if (multiplier != 1) text.remove_suffix(1);
   if (text.empty()) return std::nullopt;
@@ -118,7 +128,8 @@ int main(int argc, char** argv) {
   if (S_ISBLK(st.st_mode)) {
     if (size) return fail("--size cannot be given for a block device");
     int sectorSize = 0;
-    if (::ioctl(fd.get(), BLKSSZGET, &sectorSize) != 0 || ::ioctl(fd.get(), BLKGETSIZE64, &bytes) != 0) {
+    if (::ioctl(fd.get(), BLKSSZGET, &sectorSize) != 0 ||
+        ::ioctl(fd.get(), BLKGETSIZE64, &bytes) != 0) {
       return fail(target + ": " + std::strerror(errno));
     }
     if (sectorSize != int(platform::gpt::kBlockSize)) {

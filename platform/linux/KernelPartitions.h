@@ -11,9 +11,9 @@
 namespace platform {
 
 struct KernelPartition {
-  int number = 0;           // GPT index + 1
-  std::uint64_t start = 0;  // bytes
-  std::uint64_t length = 0; // bytes
+  int number = 0;            // GPT index + 1
+  std::uint64_t start = 0;   // bytes
+  std::uint64_t length = 0;  // bytes
   friend bool operator==(const KernelPartition&, const KernelPartition&) = default;
 };
 

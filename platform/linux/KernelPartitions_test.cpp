@@ -49,7 +49,8 @@ TEST(ReconcilePlan, TheTableGivesOnePartitionPerEntryInUse) {
   gpt::store64(&blocks[4096 + 128 + gpt::kFirstLba], 13);
   gpt::store64(&blocks[4096 + 128 + gpt::kLastLba], 13);
   gpt::store64(&blocks[4096 + 256 + gpt::kLastLba], 99);  // behind the count
-  EXPECT_EQ(partitionsOfTable(blocks, 4096), (Parts{{1, 3 * 4096, 10 * 4096}, {2, 13 * 4096, 4096}}));
+  EXPECT_EQ(partitionsOfTable(blocks, 4096),
+            (Parts{{1, 3 * 4096, 10 * 4096}, {2, 13 * 4096, 4096}}));
   // Bounded by the table; slots without a type are unused.
   gpt::store32(&blocks[gpt::kEntryCount], 1000);
   EXPECT_EQ(partitionsOfTable(blocks, 4096).size(), 3u);

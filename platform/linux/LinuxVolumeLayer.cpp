@@ -41,8 +41,7 @@ std::string LinuxVolumeLayer::resolve(const std::string& path) const {
   return it == devicePaths_.end() ? path : it->second;
 }
 
-Result<std::unique_ptr<DiskDevice>> LinuxVolumeLayer::openDisk(const std::string& path,
-                                                               int flags) {
+Result<std::unique_ptr<DiskDevice>> LinuxVolumeLayer::openDisk(const std::string& path, int flags) {
   const std::string real = resolve(path);
   const int mode = (flags & kReadWrite) ? O_RDWR : O_RDONLY;
   UniqueFd fd(::open(real.c_str(), mode | O_CLOEXEC));

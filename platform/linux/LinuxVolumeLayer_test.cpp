@@ -42,8 +42,10 @@ class ImageFile : public ::testing::Test {
     auto image = gpt::buildDisk(spec);
     ASSERT_TRUE(image.ok());
     disk.assign(256 * 4096, 0);
-    for (const auto& w : image->writes) std::copy(w.bytes.begin(), w.bytes.end(), disk.begin() + w.offset);
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(disk.data()), disk.size());
+    for (const auto& w : image->writes)
+      std::copy(w.bytes.begin(), w.bytes.end(), disk.begin() + w.offset);
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(disk.data()), disk.size());
   }
   void TearDown() override {
     ::unlink(path.c_str());

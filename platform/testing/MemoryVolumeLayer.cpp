@@ -28,8 +28,7 @@ class MemoryDisk : public DiskDevice {
     return n;
   }
   Result<std::size_t> pwrite(std::span<const std::uint8_t> bytes, std::uint64_t offset) override {
-    layer_.events.push_back("write " + std::to_string(offset) + " " +
-                            std::to_string(bytes.size()));
+    layer_.events.push_back("write " + std::to_string(offset) + " " + std::to_string(bytes.size()));
     if (layer_.writeErrno) return Error::posix(layer_.writeErrno, "pwrite");
     std::size_t n = layer_.shortWrite ? std::min(*layer_.shortWrite, bytes.size()) : bytes.size();
     if (offset >= layer_.disk.size()) return std::size_t(0);

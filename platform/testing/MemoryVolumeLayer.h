@@ -28,7 +28,7 @@ class MemoryVolumeLayer : public VolumeLayer {
   std::optional<bool> rawDisk = true;  // no value: the device cannot be examined
   bool blockSizeFails = false;
   bool blockCountFails = false;
-  int writeErrno = 0;                  // the table write fails with this errno
+  int writeErrno = 0;                     // the table write fails with this errno
   std::optional<std::size_t> shortWrite;  // or transfers only this many bytes
   bool mountScanFails = false;
   int resizeErrno = 0;

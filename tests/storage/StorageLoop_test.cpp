@@ -45,7 +45,8 @@ Ran run(const std::string& command) {
   std::FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
   if (!pipe) return r;
   std::array<char, 4096> chunk;
-  while (std::size_t n = std::fread(chunk.data(), 1, chunk.size(), pipe)) r.output.append(chunk.data(), n);
+  while (std::size_t n = std::fread(chunk.data(), 1, chunk.size(), pipe))
+    r.output.append(chunk.data(), n);
   int status = ::pclose(pipe);
   r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return r;
@@ -83,9 +84,11 @@ class LoopDisk : public ::testing::Test {
   void SetUp() override {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root (loop devices, mounts)";
     if (::access("/dev/loop-control", F_OK) != 0) GTEST_SKIP() << "no loop devices here";
-    if (run("grep -qw btrfs /proc/filesystems").status != 0) GTEST_SKIP() << "no btrfs in this kernel";
+    if (run("grep -qw btrfs /proc/filesystems").status != 0)
+      GTEST_SKIP() << "no btrfs in this kernel";
     for (const char* tool : {"losetup", "mkfs.btrfs", "btrfs", "sgdisk", "sfdisk", "sha256sum"}) {
-      if (run(std::string("command -v ") + tool).status != 0) GTEST_SKIP() << "missing tool " << tool;
+      if (run(std::string("command -v ") + tool).status != 0)
+        GTEST_SKIP() << "missing tool " << tool;
     }
     // Our mounts stay in a namespace of our own and end with this process.
     ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
@@ -158,7 +161,8 @@ class LoopDisk : public ::testing::Test {
   // The kernel's mapping of partition k, in bytes.
   std::pair<std::uint64_t, std::uint64_t> kernel(int k) {
     const std::string base = "/sys/block/" + loopName + "/" + partName(k) + "/";
-    return {std::stoull(readText(base + "start")) * 512, std::stoull(readText(base + "size")) * 512};
+    return {std::stoull(readText(base + "start")) * 512,
+            std::stoull(readText(base + "size")) * 512};
   }
 
   std::uint64_t fileSystemSize(const std::string& where) {
@@ -169,7 +173,9 @@ class LoopDisk : public ::testing::Test {
     return info.total_bytes;
   }
 
-  std::string hashOfFile() { return firstLine(run("sha256sum " + folder + "/data/payload").output); }
+  std::string hashOfFile() {
+    return firstLine(run("sha256sum " + folder + "/data/payload").output);
+  }
 
   void expectDiskAndFileSystemHealthy() {
     Ran sfdisk = run("sfdisk --verify " + loop);
@@ -185,7 +191,8 @@ class LoopDisk : public ::testing::Test {
   void expectKernelFollowsTable(int partitions) {
     for (int i = 0; i < partitions; ++i) {
       Extent e = entry(i);
-      EXPECT_EQ(kernel(i + 1), std::make_pair(e.first * kBlock, e.bytes())) << "partition " << i + 1;
+      EXPECT_EQ(kernel(i + 1), std::make_pair(e.first * kBlock, e.bytes()))
+          << "partition " << i + 1;
     }
   }
 
@@ -199,8 +206,10 @@ class LoopDisk : public ::testing::Test {
 TEST_F(LoopDisk, ShrinkAndExpandResizeTableKernelPartitionAndFileSystemTogether) {
   ASSERT_NO_FATAL_FAILURE(makeDisk("--system 64M --data 1024M --update 64M"));
   ASSERT_NO_FATAL_FAILURE(formatAndMount(2, "data"));
-  ASSERT_EQ(run("dd if=/dev/urandom of=" + folder + "/data/payload bs=1M count=24 status=none && sync")
-                .status, 0);
+  ASSERT_EQ(
+      run("dd if=/dev/urandom of=" + folder + "/data/payload bs=1M count=24 status=none && sync")
+          .status,
+      0);
   const std::string hash = hashOfFile();
   const std::uint64_t lastUsable = 1536 * kMiB / kBlock - 3;  // backup entries and header follow
 
@@ -240,8 +249,9 @@ TEST_F(LoopDisk, AnUpdatePartitionInUseCannotMoveSoTheExpandFailsUntouched) {
   const bool expanded = responder.expandDataPartition(platform::Value());
   const std::string said = ::testing::internal::GetCapturedStderr();
   EXPECT_FALSE(expanded);
-  EXPECT_NE(said.find("failed to write GPT header and table to /dev/rdisk0s1 (return -1). errno=16"),
-            std::string::npos)
+  EXPECT_NE(
+      said.find("failed to write GPT header and table to /dev/rdisk0s1 (return -1). errno=16"),
+      std::string::npos)
       << said;
   EXPECT_EQ(said.find("expanding Marl filesystem"), std::string::npos);
   EXPECT_EQ(fileSystemSize("data"), size);
