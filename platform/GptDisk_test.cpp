@@ -72,21 +72,6 @@ TEST(GptDisk, BuildsTheVolumeManagersLayout) {
   EXPECT_NE(std::memcmp(data + kUniqueGuid, &disk[2 * kBs + kUniqueGuid], 16), 0);
 }
 
-TEST(GptDisk, RefusesLayoutsThatCannotBeBuilt) {
-  DiskSpec spec;
-  spec.blockCount = 1024;
-  spec.partitions = {{"Data", 0}, {"Update", 0}};
-  EXPECT_FALSE(buildDisk(spec).ok());
-  spec.partitions = {{"Data", 1019}, {"Update", 0}};
-  EXPECT_FALSE(buildDisk(spec).ok());
-  spec.partitions = {{"Data", 1020}};
-  EXPECT_FALSE(buildDisk(spec).ok());
-  spec.partitions = {{"Data", 1019}};
-  EXPECT_TRUE(buildDisk(spec).ok());
-  spec.partitions.assign(9, {"P", 1});
-  EXPECT_FALSE(buildDisk(spec).ok());
-}
-
 TEST(GptDisk, SealingRepairsStaleChecksumsAndRewritesTheBackup) {
   DiskSpec spec;
   spec.blockCount = 1024;

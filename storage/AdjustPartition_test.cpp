@@ -61,14 +61,6 @@ TEST_F(AdjustPartition, GrowWritesAndSyncsTheTableBeforeGrowingTheFileSystem) {
   EXPECT_EQ(entry(2).lastLBA(), kLastUsable);
 }
 
-TEST_F(AdjustPartition, SizesRoundUpToWholeBlocksForTableAndFileSystem) {
-  mount(1, "disk0s2", "/private/var");
-  ASSERT_EQ(adjust(500 * kBlock + 1), 0);
-  expectInOrder({"partition: requiredSize=501"});
-  EXPECT_EQ(volumes.events[1], "resize /private/var " + std::to_string(501 * kBlock));
-  EXPECT_EQ(entry(1).blockCount(), 501u);
-}
-
 TEST_F(AdjustPartition, WritesBlocks1And2OnlyWithZerosBeyondTheRecordsAndTheCRCsAsRead) {
   // Bytes past the 92-byte header and the 1024-byte entry table are not kept.
   volumes.disk[kBlock + 200] = 0x5A;
@@ -149,21 +141,6 @@ TEST_F(AdjustPartition, TheMountScanSkipsOtherTypesAndExplainsEachUnusableDevice
   EXPECT_EQ(said.find("vda"), std::string::npos);
 }
 
-TEST_F(AdjustPartition, ALowerCaseUUIDMatchesButANonTextUUIDDoesNot) {
-  mount(1, "disk0s2", "/private/var");
-  std::string lower = uuidOf(1);
-  for (char& c : lower) c = static_cast<char>(std::tolower(c));
-  volumes.partitionUUIDs["/dev/disk0s2"] = lower;
-  EXPECT_EQ(adjust(500 * kBlock), 0);
-
-  services.uuidForBSDName = [](const std::string&) {
-    return UUIDProperty{true, platform::Value(42)};
-  };
-  EXPECT_EQ(adjust(400 * kBlock), 1);
-  expectInOrder(
-      {"failed to get string from UUID property (unexpected)", "filesystem must be mounted"});
-}
-
 TEST_F(AdjustPartition, OnlyTheFirstEightMountsAreScanned) {
   for (int i = 0; i < 8; ++i) volumes.mounts.push_back({"apfs", "/m", "/dev/x"});
   mount(1, "disk0s2", "/private/var");
@@ -236,12 +213,6 @@ TEST_F(AdjustPartition, ACreateThatCannotBeMadeIsReportedAsCreate) {
   makeDisk(eight);
   EXPECT_EQ(adjust(10 * kBlock), 1);
   expectInOrder({"bad partion number", "failed to create partition 8"});
-}
-
-TEST_F(AdjustPartition, AnUnreadableTableEndsTheRequestWithoutFurtherMessages) {
-  volumes.disk[platform::gpt::kSignatureOffset] = 0;
-  EXPECT_EQ(adjust(500 * kBlock), 1);
-  EXPECT_EQ(said, "entering adjust_partition\n/dev/rdisk0s1 not managed by Brov\n");
 }
 
 }  // namespace

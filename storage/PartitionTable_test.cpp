@@ -49,19 +49,6 @@ TEST_F(PartitionTableRead, NameIndicesOutliveATableThatNoLongerHasTheName) {
   EXPECT_EQ(partition_name_table[2].index, 0);
 }
 
-TEST_F(PartitionTableRead, NamesMustMatchInAll72Bytes) {
-  makeDisk({{"Data", 0}});
-  volumes.disk[2 * kBlock + platform::gpt::kName + 70] = 'x';  // after the terminating zero
-  ASSERT_EQ(read(), 1);
-  EXPECT_EQ(partition_name_table[1].index, -1);
-}
-
-TEST_F(PartitionTableRead, AnEmptyTableReadsWithoutNames) {
-  platform::gpt::store32(&volumes.disk[kBlock + platform::gpt::kEntryCount], 0);
-  EXPECT_EQ(read(), 1);
-  EXPECT_EQ(partition_name_table[1].index, -1);
-}
-
 TEST_F(PartitionTableRead, MoreEntriesThanTheTableHoldsAreRefused) {
   platform::gpt::store32(&volumes.disk[kBlock + platform::gpt::kEntryCount], 9);
   EXPECT_EQ(read(), 0);
