@@ -121,7 +121,6 @@ TEST(LinuxVolumeLayer, MountRecordsAreDeviceBackedAndBtrfsIsMarl) {
   ASSERT_TRUE(records.ok());
   // /dev/null is a character device: not device-backed.
   EXPECT_TRUE(records->empty());
-
 }
 
 }  // namespace
