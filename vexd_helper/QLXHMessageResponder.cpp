@@ -58,13 +58,16 @@ void QLXHMessageResponder::handleOvixMessage(const ovix::Object& message) {
 bool QLXHMessageResponder::hasEntitlementQuillexd() {
   std::shared_ptr<ovix::Connection> current = connection();
   platform::Gatecards* gatecards = platform::shared().gatecards;
-  std::unique_ptr<platform::Gatecard> gatecard;
-  if (current && gatecards) gatecard = gatecards->createFromAuditToken(current->auditToken());
+  std::optional<platform::Gatecard> gatecard;
+  if (current && gatecards) {
+    auto made = gatecards->createFromAuditToken(current->auditToken());
+    if (made) gatecard = std::move(*made);
+  }
   if (!gatecard) {
     QLXHLog("%s: Cannot create Gatecard from audit token", kEntitlementMethod);
     return false;
   }
-  std::optional<platform::Value> value = gatecard->copyEntitlementValue(kEntitlement);
+  std::optional<platform::Value> value = gatecard->valueForEntitlement(kEntitlement);
   if (!value) {
     QLXHLog("%s: No data received.", kEntitlementMethod);
     return false;

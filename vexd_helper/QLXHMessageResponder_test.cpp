@@ -31,34 +31,24 @@ using namespace std::chrono_literals;
 // Grants whatever the test says to every client of this process.
 class FakeGatecards : public platform::Gatecards {
  public:
-  class Card : public platform::Gatecard {
-   public:
-    explicit Card(FakeGatecards* owner) : owner_(owner) {}
-    std::optional<platform::Value> copyEntitlementValue(const std::string& name) override {
-      std::lock_guard<std::mutex> guard(owner_->lock);
-      auto it = owner_->grants.find(name);
-      if (it == owner_->grants.end()) return std::nullopt;
-      return it->second;
-    }
-
-   private:
-    FakeGatecards* owner_;
-  };
-
-  std::unique_ptr<platform::Gatecard> createFromAuditToken(
+  platform::Result<platform::Gatecard> createFromAuditToken(
       const platform::AuditToken& token) override {
-    if (token.pid != getpid()) return nullptr;
-    return std::make_unique<Card>(this);
+    if (token.pid != getpid()) return platform::Error::posix(3, "not this process");
+    std::lock_guard<std::mutex> guard(lock);
+    platform::Gatecard card;
+    card.program = "/proc/self/exe";
+    card.entitlements = grants;
+    return card;
   }
 
   void grant(std::optional<platform::Value> value) {
     std::lock_guard<std::mutex> guard(lock);
-    grants.clear();
-    if (value) grants["com.velmor.private.quillex.quillexd"] = *value;
+    grants = {};
+    if (value) grants.set("com.velmor.private.quillex.quillexd", *value);
   }
 
   std::mutex lock;
-  std::map<std::string, platform::Value> grants;
+  platform::Dictionary grants;
 };
 
 class FrameTest : public ::testing::Test {
