@@ -90,16 +90,30 @@ bool ConnectionCore::postTerminationImminent() {
 }
 
 void ConnectionCore::ioLoop(std::shared_ptr<ConnectionCore> self) {
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point drainDeadline{};
   for (;;) {
     pollfd fds[2] = {};
+    int timeoutMs = -1;
+    bool draining = false;
     {
       std::lock_guard lock(self->mutex_);
       if (self->cancelled_) {
-        // Whatever was sent before cancel() still gets its chance to leave.
+        // What was sent before cancel() still leaves, as long as the peer
+        // keeps taking it; a peer that stalls does not hold us open.
+        const std::size_t before = self->outgoingBytes_;
         self->flushLocked();
-        break;
+        if (self->outgoing_.empty()) break;
+        const auto now = Clock::now();
+        if (drainDeadline == Clock::time_point{} || self->outgoingBytes_ < before) {
+          drainDeadline = now + kDrainStall;
+        }
+        if (now >= drainDeadline) break;
+        draining = true;
+        timeoutMs = static_cast<int>(
+            std::chrono::ceil<std::chrono::milliseconds>(drainDeadline - now).count());
       }
-      short events = self->readPausedLocked() ? 0 : POLLIN;
+      short events = draining || self->readPausedLocked() ? 0 : POLLIN;
       if (!self->outgoing_.empty()) events |= POLLOUT;
       // A socket polled for nothing still reports hang-ups; leave it out
       // entirely while reading is paused so a closed peer cannot spin us.
@@ -108,7 +122,7 @@ void ConnectionCore::ioLoop(std::shared_ptr<ConnectionCore> self) {
     }
     fds[1].fd = self->wake_.get();
     fds[1].events = POLLIN;
-    if (::poll(fds, 2, -1) < 0) {
+    if (::poll(fds, 2, timeoutMs) < 0) {
       if (errno == EINTR) continue;
       break;
     }

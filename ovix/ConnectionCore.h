@@ -29,6 +29,9 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   static constexpr std::size_t kMaxPendingFrames = 256;
   static constexpr std::size_t kMaxPendingBytes = 32u << 20;
   static constexpr std::size_t kMaxOutgoingBytes = 64u << 20;
+  // After cancel(), how long queued frames may wait for a peer that takes
+  // none of them before they are dropped.
+  static constexpr std::chrono::seconds kDrainStall{1};
 
   // Takes the connected socket, records the peer and starts the I/O thread.
   static std::shared_ptr<ConnectionCore> start(platform::UniqueFd socket);
