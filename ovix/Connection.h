@@ -39,8 +39,9 @@ class Connection {
   void setEventHandler(EventHandler handler);
   void resume();
 
-  // Closes the connection; connection-invalid is still delivered, last, to a
-  // handler that has not yet had it. Further sends are refused.
+  // Closes the connection: no more events but connection-invalid, delivered
+  // last. Frames sent before still go out while the peer keeps reading them;
+  // further sends are refused.
   void cancel();
 
   // Queues one dictionary for sending and returns at once; never raises

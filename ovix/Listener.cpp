@@ -1,23 +1,23 @@
 #include "ovix/Listener.h"
 
-#include <cerrno>
+#include "ovix/ListenerCore.h"
 
 namespace ovix {
 
-class ListenerCore {
- public:
-  std::string name;
-};
-
 Listener::Listener(std::shared_ptr<ListenerCore> core) : core_(std::move(core)) {}
-Listener::~Listener() = default;
-platform::Result<std::shared_ptr<Listener>> Listener::create(std::string_view) {
-  return platform::Error::posix(ENOSYS, "not yet");
+
+Listener::~Listener() { core_->release(); }
+
+platform::Result<std::shared_ptr<Listener>> Listener::create(std::string_view serviceName) {
+  auto core = ListenerCore::create(serviceName);
+  if (!core) return core.error();
+  return std::make_shared<Listener>(std::move(core.value()));
 }
-void Listener::setEventHandler(EventHandler) {}
-void Listener::resume() {}
-void Listener::cancel() {}
-const std::string& Listener::serviceName() const { return core_->name; }
-const std::string& Listener::socketPath() const { return core_->name; }
+
+void Listener::setEventHandler(EventHandler handler) { core_->setHandler(std::move(handler)); }
+void Listener::resume() { core_->resume(); }
+void Listener::cancel() { core_->cancel(); }
+const std::string& Listener::serviceName() const { return core_->serviceName(); }
+const std::string& Listener::socketPath() const { return core_->socketPath(); }
 
 }  // namespace ovix
