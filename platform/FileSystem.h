@@ -66,6 +66,8 @@ class DirectoryEnumerator {
   virtual std::optional<std::string> nextPath() = 0;
   // A value of the entry last returned by nextPath.
   virtual Result<bool> resourceValue(ResourceKey key) = 0;
+  // Leaves out the contents of the folder last returned by nextPath.
+  virtual void skipDescendants() = 0;
 };
 
 // Told about a folder that cannot be read (with its path); answers whether

@@ -59,6 +59,8 @@ bool LinuxDirectoryEnumerator::enter(int parentFd, const std::string& name,
   int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (parentFd == AT_FDCWD ? 0 : O_NOFOLLOW);
   int fd = ::openat(parentFd, name.c_str(), flags);
   if (fd < 0) {
+    // A start that is not a folder has nothing below it; that is no error.
+    if (errno == ENOTDIR && parentFd == AT_FDCWD) return false;
     reportError(path, errno);
     return false;
   }

@@ -20,6 +20,7 @@ class LinuxDirectoryEnumerator : public DirectoryEnumerator {
 
   std::optional<std::string> nextPath() override;
   Result<bool> resourceValue(ResourceKey key) override;
+  void skipDescendants() override { descendNext_ = false; }
 
  private:
   struct DirCloser {

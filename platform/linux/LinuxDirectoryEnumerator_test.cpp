@@ -61,6 +61,15 @@ TEST_F(LinuxDirectoryEnumeratorTest, FoldersComeBeforeTheirContentsInNameOrder) 
   EXPECT_FALSE(e->nextPath());
   EXPECT_TRUE(errors.empty());
 
+  // A folder whose contents are skipped is still listed itself.
+  auto skipping = fs.enumeratorAtPath(dir.path(), record);
+  std::vector<std::string> seen;
+  while (auto path = skipping->nextPath()) {
+    seen.push_back(path->substr(dir.path().size()));
+    if (*path == dir / "b") skipping->skipDescendants();
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"/.hidden", "/B", "/a", "/b", "/c", "/fifo", "/link"}));
+
   // A trailing slash on the start does not double up in the paths.
   auto slash = fs.enumeratorAtPath(dir.path() + "/", record);
   EXPECT_EQ(*slash->nextPath(), dir.path() + "/.hidden");
@@ -107,6 +116,9 @@ TEST_F(LinuxDirectoryEnumeratorTest, AMissingStartIsAnErrorAndYieldsNothing) {
   EXPECT_EQ(errors[0].first, dir / "none");
   auto empty = fs.enumeratorAtPath(dir.mkdir("empty"), record);
   EXPECT_FALSE(empty->nextPath());
+  // A file has nothing below it, and that is no error.
+  auto file = fs.enumeratorAtPath(dir.write("file", ""), record);
+  EXPECT_FALSE(file->nextPath());
   EXPECT_EQ(errors.size(), 1u);
 }
 

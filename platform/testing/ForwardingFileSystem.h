@@ -46,6 +46,7 @@ class ForwardingDirectoryEnumerator : public DirectoryEnumerator {
       : inner_(std::move(inner)) {}
   std::optional<std::string> nextPath() override { return inner_->nextPath(); }
   Result<bool> resourceValue(ResourceKey key) override { return inner_->resourceValue(key); }
+  void skipDescendants() override { inner_->skipDescendants(); }
 
  private:
   std::unique_ptr<DirectoryEnumerator> inner_;
