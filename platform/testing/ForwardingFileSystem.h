@@ -35,7 +35,7 @@ class ForwardingFileSystem : public FileSystem {
 
   FileSystem& inner() { return inner_; }
 
- private:
+ protected:
   FileSystem& inner_;
 };
 
