@@ -56,6 +56,7 @@ class QLXManifest {
   const std::optional<std::string>& rootPath() const { return rootPath_; }
   void setRootPath(std::optional<std::string> rootPath) { rootPath_ = std::move(rootPath); }
   const platform::Dictionary& dict() const { return dict_; }
+  platform::Dictionary& dict() { return dict_; }
   void setDict(platform::Dictionary dict) { dict_ = std::move(dict); }
   // Not owned: the shared updater lives for the whole process.
   QLXProgressUpdater* progressUpdater() const { return progressUpdater_; }
