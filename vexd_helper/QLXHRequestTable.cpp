@@ -20,6 +20,12 @@ std::map<std::string, Operation, std::less<>> makeTable() {
       {"prepareLogContainer:", &R::prepareLogContainer},
       {"prepareWorkContainer:", &R::prepareWorkContainer},
       {"removeWorkContainer:", &R::removeWorkContainer},
+      {"deleteNvram:", &R::deleteNvram},
+      {"writeNvram:", &R::writeNvram},
+      {"reboot:", &R::reboot},
+      {"quitHelper:", &R::quitHelper},
+      {"shrinkDataPartition:", &R::shrinkDataPartition},
+      {"expandDataPartition:", &R::expandDataPartition},
       // Other public operations of the responder.
       {"handleOvixMessage:", [](R&, const V&) { return false; }},
       {"hasEntitlementQuillexd", [](R& r, const V&) { return r.hasEntitlementQuillexd(); }},

@@ -6,17 +6,23 @@
 #include "platform/Platform.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/LinuxGatecards.h"
+#include "platform/linux/LinuxHardwareRegistry.h"
+#include "platform/linux/LinuxProcess.h"
+#include "platform/linux/LinuxVolumeLayer.h"
 #include "vexd_helper/QLXHService.h"
 
 namespace {
 
 void installLinuxPlatform() {
   // Made once and never destroyed: the process ends with _exit.
-  auto* clock = new platform::LinuxClock();
-  auto* fileSystem = new platform::LinuxFileSystem();
   platform::Platform& p = platform::shared();
-  p.clock = clock;
-  p.fileSystem = fileSystem;
+  p.clock = new platform::LinuxClock();
+  p.fileSystem = new platform::LinuxFileSystem();
+  p.process = new platform::LinuxProcess();
+  p.gatecards = new platform::LinuxGatecards();
+  p.hardwareRegistry = new platform::LinuxHardwareRegistry();
+  p.volumes = new platform::LinuxVolumeLayer();
 }
 
 }  // namespace
