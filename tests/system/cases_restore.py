@@ -6,7 +6,7 @@ import hashlib
 import os
 
 import signed_manifest as sm
-from harness import (SIGNING, case, ctl, entering, expect, expect_equal, expect_fail,
+from harness import (SIGNING, case, ctl, entering, expect_equal, expect_fail,
                      expect_pass, mode_of, owner_of, remove, secure_boot, write)
 
 STAGING = "/private/var/QLXWorkContainer/QLX_staging"

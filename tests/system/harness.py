@@ -6,7 +6,6 @@ import json
 import os
 import re
 import signal
-import socket
 import subprocess
 import sys
 import time
@@ -57,6 +56,7 @@ class Daemon:
     def start(self):
         if not os.access(HELPER, os.X_OK):
             raise Failure(f"vexd_helper is not built ({HELPER})")
+        stale = _socket_identity()
         console = open(CONSOLE, "ab")
         self.proc = subprocess.Popen([HELPER], stdin=subprocess.DEVNULL, stdout=console,
                                      stderr=console, cwd="/")
@@ -66,7 +66,11 @@ class Daemon:
             if self.proc.poll() is not None:
                 raise Failure(f"vexd_helper exited at start with status {self.proc.returncode}:"
                               f" {console_tail()}")
-            if _accepts(SOCKET):
+            # A new socket file, not a dead daemon's; waiting for it rather than
+            # connecting keeps test connections out of the log.
+            current = _socket_identity()
+            if current is not None and current != stale:
+                time.sleep(0.1)  # from bind to listen
                 # The file is fixed at start: the local day the daemon began.
                 self.log_file = f"{LOG_FOLDER}/vexd_helper-{time.strftime('%Y%m%d')}.log"
                 return
@@ -100,13 +104,12 @@ class Daemon:
         self.proc.wait()
 
 
-def _accepts(path):
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-        try:
-            s.connect(path)
-            return True
-        except OSError:
-            return False
+def _socket_identity():
+    try:
+        st = os.stat(SOCKET)
+    except FileNotFoundError:
+        return None
+    return st.st_ino, st.st_ctime_ns
 
 
 def console_tail(lines=5):
