@@ -7,7 +7,7 @@
 #include <fstream>
 #include <memory>
 
-#include "platform/testing/TestPki.h"
+#include "platform/testing/ScratchDir.h"
 
 namespace platform {
 namespace {
@@ -16,19 +16,19 @@ constexpr const char* kSecureBoot = "SecureBoot-8be4df61-93ca-11d2-aa0d-00e09803
 
 class DevicePropertiesTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(scratch.ok()); }
-
   // Writes the variable file the way the EFI variable file system shows it.
   void writeVariable(std::vector<std::uint8_t> bytes) {
-    scratch.writeFile(scratch.folder() + "/" + kSecureBoot, bytes);
+    std::ofstream out(scratch / kSecureBoot, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
   }
 
   std::optional<Value> fuse() {
-    LinuxDeviceProperties properties({.efiVariables = scratch.folder()});
+    LinuxDeviceProperties properties({.efiVariables = scratch.path()});
     return properties.copyAnswer("SigningFuse");
   }
 
-  testing::TestPki scratch;  // used only for its temporary folder
+  testing::ScratchDir scratch;
 };
 
 TEST_F(DevicePropertiesTest, SigningFuseReadsTheSecureBootByte) {
@@ -55,7 +55,7 @@ TEST_F(DevicePropertiesTest, MalformedVariableIsNoAnswer) {
 }
 
 TEST_F(DevicePropertiesTest, DiskUsageAgreesWithStat) {
-  LinuxDeviceProperties properties({.dataVolume = scratch.folder()});
+  LinuxDeviceProperties properties({.dataVolume = scratch.path()});
   std::optional<Value> usage = properties.copyAnswer("DiskUsage");
   ASSERT_TRUE(usage.has_value());
   ASSERT_TRUE(usage->isDictionary());
@@ -65,7 +65,7 @@ TEST_F(DevicePropertiesTest, DiskUsageAgreesWithStat) {
   ASSERT_TRUE(capacity && capacity->isInteger());
 
   // The stat command's block size and counts, read independently.
-  std::string command = "stat -f -c '%S %b %a' " + scratch.folder();
+  std::string command = "stat -f -c '%S %b %a' " + scratch.path();
   std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
   ASSERT_NE(pipe, nullptr);
   unsigned long long blockSize = 0, blocks = 0, free = 0;
@@ -79,7 +79,7 @@ TEST_F(DevicePropertiesTest, DiskUsageAgreesWithStat) {
 
 TEST_F(DevicePropertiesTest, UnknownQuestionsAndMissingVolumeHaveNoAnswer) {
   LinuxDeviceProperties properties(
-      {.efiVariables = scratch.folder(), .dataVolume = scratch.folder() + "/absent"});
+      {.efiVariables = scratch.path(), .dataVolume = scratch.path() + "/absent"});
   EXPECT_FALSE(properties.copyAnswer("DiskUsage").has_value());
   EXPECT_FALSE(properties.copyAnswer("SerialNumber").has_value());
   EXPECT_FALSE(properties.copyAnswer("").has_value());

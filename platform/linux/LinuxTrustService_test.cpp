@@ -5,8 +5,8 @@
 #include <chrono>
 #include <filesystem>
 
-#include "platform/Clock.h"
 #include "platform/Sha1.h"
+#include "platform/testing/SettableClock.h"
 #include "platform/testing/TestPki.h"
 
 namespace platform {
@@ -14,17 +14,8 @@ namespace {
 
 using testing::CertOptions;
 using testing::Identity;
+using testing::SettableClock;
 using testing::TestPki;
-
-class FixedClock : public Clock {
- public:
-  explicit FixedClock(double seconds) : now_{seconds} {}
-  Date now() override { return now_; }
-  CalendarDay localDay(Date) override { return {}; }
-
- private:
-  Date now_;
-};
 
 double realNow() {
   return static_cast<double>(std::chrono::duration_cast<std::chrono::seconds>(
@@ -108,15 +99,15 @@ TEST_F(TrustServiceTest, ValidityDatesAreEnforcedAtTheClocksTime) {
   EXPECT_EQ(evaluate(realTime, {expired, intermediate}), TrustResult::RecoverableTrustFailure);
 
   // The leaf is valid for a year from now.
-  FixedClock later(realNow() + 400.0 * 86400);
+  SettableClock later(Date{realNow() + 400.0 * 86400});
   LinuxTrustService afterExpiry(folders, &later);
   EXPECT_EQ(evaluate(afterExpiry, {leaf, intermediate}), TrustResult::RecoverableTrustFailure);
 
-  FixedClock earlier(realNow() - 2.0 * 86400);
+  SettableClock earlier(Date{realNow() - 2.0 * 86400});
   LinuxTrustService beforeIssue(folders, &earlier);
   EXPECT_EQ(evaluate(beforeIssue, {leaf, intermediate}), TrustResult::RecoverableTrustFailure);
 
-  FixedClock inside(realNow() + 30.0 * 86400);
+  SettableClock inside(Date{realNow() + 30.0 * 86400});
   LinuxTrustService withinValidity(folders, &inside);
   EXPECT_EQ(evaluate(withinValidity, {leaf, intermediate}), TrustResult::Unspecified);
 }
