@@ -5,10 +5,12 @@
 #include "logging/QLXLogModel.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxClock.h"
+#include "platform/linux/LinuxDeviceProperties.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/LinuxGatecards.h"
 #include "platform/linux/LinuxHardwareRegistry.h"
 #include "platform/linux/LinuxProcess.h"
+#include "platform/linux/LinuxTrustService.h"
 #include "platform/linux/LinuxVolumeLayer.h"
 #include "vexd_helper/QLXHService.h"
 
@@ -23,6 +25,8 @@ void installLinuxPlatform() {
   p.gatecards = new platform::LinuxGatecards();
   p.hardwareRegistry = new platform::LinuxHardwareRegistry();
   p.volumes = new platform::LinuxVolumeLayer();
+  p.deviceProperties = new platform::LinuxDeviceProperties();
+  p.trust = new platform::LinuxTrustService();
 }
 
 }  // namespace
