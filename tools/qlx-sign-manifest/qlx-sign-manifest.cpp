@@ -18,6 +18,7 @@
 #include "platform/Platform.h"
 #include "platform/PropertyList.h"
 #include "platform/linux/LinuxTrustService.h"
+#include "platform/linux/OpenSslDigestService.h"
 #include "tools/signing/ManifestSigner.h"
 
 namespace {
@@ -127,6 +128,8 @@ int verify(int argc, char** argv) {
   platform::Platform services;
   services.trust = &trust;
   services.deviceProperties = &deviceProperties;
+  platform::OpenSslDigestService digests;
+  services.digests = &digests;
   std::unique_ptr<platform::InputStream> stream = platform::inputStreamWithFileAtPath(path);
   if (!stream) return fail("cannot open " + path);
   auto manifest = QLXSignedManifest::signedManifestWithNSStream(*stream, services);
