@@ -12,6 +12,7 @@
 #include "platform/linux/LinuxProcess.h"
 #include "platform/linux/LinuxTrustService.h"
 #include "platform/linux/LinuxVolumeLayer.h"
+#include "platform/linux/OpenSslDigestService.h"
 #include "vexd_helper/QLXHService.h"
 
 namespace {
@@ -27,6 +28,7 @@ void installLinuxPlatform() {
   p.volumes = new platform::LinuxVolumeLayer();
   p.deviceProperties = new platform::LinuxDeviceProperties();
   p.trust = new platform::LinuxTrustService();
+  p.digests = new platform::OpenSslDigestService();
 }
 
 }  // namespace
