@@ -115,12 +115,12 @@ bool QLXSignedManifest::initWithNSStream(platform::InputStream& stream) {
   return true;
 }
 
-std::optional<platform::Data> QLXSignedManifest::verifyManifestSignature(
+const platform::Data* QLXSignedManifest::verifyManifestSignature(
     const platform::Dictionary& outer) {
   const platform::Value* certificates = outer.find("Certificate");
   if (certificates == nullptr || certificates->array() == nullptr) {
     QLXHLog("%s: cannot find certificates, or certificate format not correct.", kVerifyMethod);
-    return std::nullopt;
+    return nullptr;
   }
 
   std::unique_ptr<platform::PublicKey> key =
@@ -134,25 +134,25 @@ std::optional<platform::Data> QLXSignedManifest::verifyManifestSignature(
       fuse = platform_.deviceProperties->copyAnswer("SigningFuse");
     if (!fuse || !fuse->isNumber() || fuse->boolValue()) {
       QLXHLog(kCertificateNotValid, kVerifyMethod);
-      return std::nullopt;
+      return nullptr;
     }
     QLXHDebugLog("Trying development signing on development hardware...");
     key = createPublicKeyForDevelopmentSigning(*certificates->array());
     if (!key) {
       QLXHLog(kCertificateNotValid, kVerifyMethod);
-      return std::nullopt;
+      return nullptr;
     }
   }
 
   const platform::Value* payload = outer.find("Payload");
   if (payload == nullptr || payload->data() == nullptr) {
     QLXHLog("%s: Manifest format not correct.", kVerifyMethod);
-    return std::nullopt;
+    return nullptr;
   }
   const platform::Value* signature = outer.find("Signature");
   if (!verifySignature(signature ? *signature : platform::Value(), *payload->data(), *key))
-    return std::nullopt;
-  return *payload->data();
+    return nullptr;
+  return payload->data();
 }
 
 std::unique_ptr<platform::PublicKey> QLXSignedManifest::createPublicKeyForStrongSigning(

@@ -43,8 +43,9 @@ class QLXSignedManifest {
   const std::optional<platform::Dictionary>& payload() const { return payload_; }
   void setPayload(std::optional<platform::Dictionary> payload) { payload_ = std::move(payload); }
 
-  // The payload bytes when the chain is trusted and the signature matches.
-  std::optional<platform::Data> verifyManifestSignature(const platform::Dictionary& outer);
+  // The payload bytes (inside outer) when the chain is trusted and the
+  // signature matches; null otherwise.
+  const platform::Data* verifyManifestSignature(const platform::Dictionary& outer);
   std::unique_ptr<platform::PublicKey> createPublicKeyForStrongSigning(
       const platform::Array& certificates);
   std::unique_ptr<platform::PublicKey> createPublicKeyForDevelopmentSigning(
