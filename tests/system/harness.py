@@ -19,6 +19,8 @@ HELPER = os.environ.get("VEXD_HELPER", "")
 VEXDCTL = os.environ.get("VEXDCTL", "")
 STORAGE = os.environ.get("VEXD_STORAGE") == "1"
 STORAGE_REASON = os.environ.get("VEXD_STORAGE_REASON", "")
+# Only a machine without loop devices or btrfs excuses the storage cases.
+STORAGE_LACKING = os.environ.get("VEXD_STORAGE_LACKING") == "1"
 SIGNING = os.environ.get("VEXD_SIGNING_DIR", "/etc/vexd-sandbox/signing")
 PROJECT = os.environ.get("VEXD_PROJECT_DIR", "")
 WORK = "/private/var/QLXWorkContainer"
@@ -325,7 +327,9 @@ def run_group(group):
         label = f"{group}.{name}"
         try:
             if needs_storage and not STORAGE:
-                raise Skip(f"loop devices or btrfs are unavailable ({STORAGE_REASON})")
+                if STORAGE_LACKING:
+                    raise Skip(f"loop devices or btrfs are unavailable ({STORAGE_REASON})")
+                raise Failure(f"the device has no data disk: {STORAGE_REASON}")
             log = None
             if needs_daemon:
                 DAEMON.ensure()
