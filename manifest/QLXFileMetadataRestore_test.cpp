@@ -1,10 +1,9 @@
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstdio>
-
-#include <gtest/gtest.h>
 
 #include "manifest/QLXFileMetadata.h"
 #include "platform/FileSystem.h"
@@ -107,11 +106,17 @@ TEST_F(QLXFileMetadataRestoreTest, AttributeFailuresAreReportedWithWhatWasAsked)
                    {"FilePosixPermissions", 0644},
                    {"FileProtectionKey", "ProtectionComplete"}};
   QLXFileMetadata r = record(attrs);
-  Dictionary settable{{"FileBusy", false}, {"FileCreatorCode", 0}, {"FileTypeCode", 0},
-                      {"FileImmutable", false}, {"FileCreationDate", platform::Date{1}},
-                      {"FileExtensionHidden", false}, {"FileGroupOwnerAccountID", 2},
-                      {"FileGroupOwnerAccountName", "g"}, {"FileModificationDate", platform::Date{5}},
-                      {"FileOwnerAccountID", 3}, {"FileOwnerAccountName", "a"},
+  Dictionary settable{{"FileBusy", false},
+                      {"FileCreatorCode", 0},
+                      {"FileTypeCode", 0},
+                      {"FileImmutable", false},
+                      {"FileCreationDate", platform::Date{1}},
+                      {"FileExtensionHidden", false},
+                      {"FileGroupOwnerAccountID", 2},
+                      {"FileGroupOwnerAccountName", "g"},
+                      {"FileModificationDate", platform::Date{5}},
+                      {"FileOwnerAccountID", 3},
+                      {"FileOwnerAccountName", "a"},
                       {"FilePosixPermissions", 0644}};
   Dictionary everything = attrs;
   for (const auto& [key, value] : settable) everything.set(key, value);
@@ -125,8 +130,7 @@ TEST_F(QLXFileMetadataRestoreTest, AttributeFailuresAreReportedWithWhatWasAsked)
   auto lines = log.matching("Could not set file attributs at " + missing + " with error - ");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("No such file or directory"), std::string::npos);
-  EXPECT_NE(lines[0].find("attributes = {\n    FilePosixPermissions = 420;\n}"),
-            std::string::npos)
+  EXPECT_NE(lines[0].find("attributes = {\n    FilePosixPermissions = 420;\n}"), std::string::npos)
       << lines[0];
 
   // The protection class goes in a second call of its own.
@@ -175,9 +179,19 @@ struct Side {
 TEST_F(QLXFileMetadataRestoreTest, TheFirstDifferenceDecidesTheComparisonCode) {
   const char* marker = "com.velmor.ferrowd.dbRebuildUuid";
   auto link = [] { return Side().set("FileType", "SymbolicLink"); };
-  auto withXattrs = [](Value x) { Side s; s.xattrs = std::move(x); return s; };
-  auto withHash = [](Side s, Value h) { s.hash = std::move(h); return s; };
-  auto withTarget = [](Side s, Value t) { s.target = std::move(t); return s; };
+  auto withXattrs = [](Value x) {
+    Side s;
+    s.xattrs = std::move(x);
+    return s;
+  };
+  auto withHash = [](Side s, Value h) {
+    s.hash = std::move(h);
+    return s;
+  };
+  auto withTarget = [](Side s, Value t) {
+    s.target = std::move(t);
+    return s;
+  };
   struct Case {
     const char* what;
     Side self, other;
@@ -185,30 +199,43 @@ TEST_F(QLXFileMetadataRestoreTest, TheFirstDifferenceDecidesTheComparisonCode) {
   } cases[] = {
       {"identical", {}, {}, 6},
       {"type", {}, Side().set("FileType", "Directory"), 1},
-      {"contents before ownership", {}, withHash(Side().set("FilePosixPermissions", 0600), Data{9}), 2},
+      {"contents before ownership",
+       {},
+       withHash(Side().set("FilePosixPermissions", 0600), Data{9}),
+       2},
       {"no hash on the other side", {}, withHash(Side(), Value()), 2},
       {"owner", {}, Side().set("FileOwnerAccountID", 7), 4},
       {"group missing", {}, Side().drop("FileGroupOwnerAccountID"), 4},
       {"permissions", {}, Side().set("FilePosixPermissions", 0600), 4},
       {"IDs compare by value", {}, Side().set("FileOwnerAccountID", std::uint64_t{501}), 6},
-      {"dates, sizes and names are not compared", {},
-       Side().set("FileModificationDate", platform::Date{9}).set("FileSize", 4)
-           .set("FileOwnerAccountName", "x"), 6},
+      {"dates, sizes and names are not compared",
+       {},
+       Side()
+           .set("FileModificationDate", platform::Date{9})
+           .set("FileSize", 4)
+           .set("FileOwnerAccountName", "x"),
+       6},
       {"link targets", withTarget(link(), "a"), withTarget(link(), "b"), 3},
-      {"links ignore hashes", withTarget(link(), "a"), withHash(withTarget(link(), "a"), Data{5}), 6},
+      {"links ignore hashes", withTarget(link(), "a"), withHash(withTarget(link(), "a"), Data{5}),
+       6},
       {"folders ignore targets", withTarget(Side().set("FileType", "Directory"), "x"),
        withHash(withTarget(Side().set("FileType", "Directory"), "y"), Data{3}), 6},
       {"protection classes never count", Side().set("FileProtectionKey", "ProtectionComplete"),
        Side().set("FileProtectionKey", "ProtectionNone"), 6},
       {"protection class absent here", {}, Side().set("FileProtectionKey", "ProtectionNone"), 6},
       {"extended attribute value", {}, withXattrs(Dictionary{{"user.a", Data{8}}}), 5},
-      {"extra extended attribute", {}, withXattrs(Dictionary{{"user.a", Data{7}}, {"user.b", Data{}}}), 5},
+      {"extra extended attribute",
+       {},
+       withXattrs(Dictionary{{"user.a", Data{7}}, {"user.b", Data{}}}),
+       5},
       {"renamed extended attribute", {}, withXattrs(Dictionary{{"user.z", Data{7}}}), 5},
       {"value that is not data", {}, withXattrs(Dictionary{{"user.a", "7"}}), 5},
       {"rebuild marker ignored", withXattrs(Dictionary{{"user.a", Data{7}}, {marker, Data{1}}}),
        withXattrs(Dictionary{{marker, Data{2}}, {"user.a", Data{7}}}), 6},
-      {"rebuild marker only on one side", withXattrs(Dictionary{{"user.a", Data{7}}, {marker, Data{1}}}),
-       {}, 6},
+      {"rebuild marker only on one side",
+       withXattrs(Dictionary{{"user.a", Data{7}}, {marker, Data{1}}}),
+       {},
+       6},
       {"both without extended attributes", withXattrs(Value()), withXattrs(Value()), 6},
       {"none here, some there", withXattrs(Value()), {}, 5},
       {"empty here, none there", withXattrs(Dictionary{}), withXattrs(Value()), 6},

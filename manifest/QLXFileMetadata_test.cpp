@@ -1,5 +1,6 @@
 #include "manifest/QLXFileMetadata.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -9,8 +10,6 @@
 #include <cstring>
 #include <fstream>
 #include <random>
-
-#include <gtest/gtest.h>
 
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/OpenSslDigestService.h"
@@ -78,9 +77,9 @@ TEST_F(QLXFileMetadataTest, AnUnreadableFileGetsAnEmptyHashAndStillARecord) {
   ASSERT_TRUE(record);
   ASSERT_TRUE(record->getHash());
   EXPECT_TRUE(record->getHash()->empty());
-  EXPECT_EQ(log.messages(), (std::vector<std::string>{
-                                "Cannot read file " + locked,
-                                "Maybe it's an Skylet file (" + locked + ")?"}));
+  EXPECT_EQ(log.messages(),
+            (std::vector<std::string>{"Cannot read file " + locked,
+                                      "Maybe it's an Skylet file (" + locked + ")?"}));
 
   std::string badDisk = dir.write("bad-disk", std::string(300000, 'x'));
   fs.fail(FsCall::Read, badDisk);
@@ -189,16 +188,17 @@ TEST_F(QLXFileMetadataTest, RecordsAreCutShortWhereAValueCannotBeRead) {
   EXPECT_EQ(noTarget->dict().keys(),
             (std::vector<std::string>{"QLXManifestFileAttributes",
                                       "QLXManifestFileExtendedAttributes", "QLXManifestFileHash"}));
-  EXPECT_EQ(log.matching("Could not get destination of symbolic link " + link + " with error - ")
-                .size(),
-            1u);
+  EXPECT_EQ(
+      log.matching("Could not get destination of symbolic link " + link + " with error - ").size(),
+      1u);
 
   fs.fail(FsCall::AttributesOfItem, file);
   EXPECT_FALSE(QLXFileMetadata::initWithPath(platform, file));
   auto last = log.messages();
   ASSERT_GE(last.size(), 2u);
-  EXPECT_EQ(last[last.size() - 2].rfind("Get file attributes failed for " + file + " with error - ", 0),
-            0u);
+  EXPECT_EQ(
+      last[last.size() - 2].rfind("Get file attributes failed for " + file + " with error - ", 0),
+      0u);
   EXPECT_EQ(last.back(), "Cannot get file attribute for " + file);
 }
 
@@ -218,8 +218,8 @@ TEST_F(QLXFileMetadataTest, ListingAndValueFailuresFollowTheTwoCallShape) {
   EXPECT_FALSE(xattrs->contains("user.gone"));
   EXPECT_EQ(*xattrs->find("user.grew")->data(), Data(4, 0));
   EXPECT_EQ(*xattrs->find("user.kept")->data(), bytesOf("k"));
-  EXPECT_TRUE(log.contains("Could not extract extended file attributes from " + file +
-                           ", returned -1"));
+  EXPECT_TRUE(
+      log.contains("Could not extract extended file attributes from " + file + ", returned -1"));
   EXPECT_TRUE(log.contains("Coud not extract extended file attributes from " + file +
                            ". File is expected to have extended attributes."));
 
@@ -241,9 +241,9 @@ TEST_F(QLXFileMetadataTest, GettersAnswerNothingForValuesOfTheWrongType) {
   EXPECT_FALSE(foreign.getTargetFile());
   EXPECT_FALSE(foreign.getFileType());
   EXPECT_EQ(foreign.getFileSize(), 0);
-  QLXFileMetadata oddSize(platform, Dictionary{{"QLXManifestFileAttributes",
-                                                Dictionary{{"FileType", "Regular"},
-                                                           {"FileSize", "12"}}}});
+  QLXFileMetadata oddSize(platform,
+                          Dictionary{{"QLXManifestFileAttributes",
+                                      Dictionary{{"FileType", "Regular"}, {"FileSize", "12"}}}});
   EXPECT_EQ(*oddSize.getFileType(), "Regular");
   EXPECT_EQ(oddSize.getFileSize(), 0);
   QLXFileMetadata empty(platform, {});

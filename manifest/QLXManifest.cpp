@@ -78,7 +78,9 @@ std::string fileURL(const std::string& path) {
 QLXManifest::QLXManifest(platform::Platform& platform) : QLXManifest(platform, Dictionary{}) {}
 
 QLXManifest::QLXManifest(platform::Platform& platform, Dictionary dict)
-    : platform_(platform), dict_(std::move(dict)), hashThreads_(std::thread::hardware_concurrency()) {}
+    : platform_(platform),
+      dict_(std::move(dict)),
+      hashThreads_(std::thread::hardware_concurrency()) {}
 
 std::optional<QLXFileMetadata> QLXManifest::metadataForFile(const std::string& relativePath) const {
   const Value* entry = dict_.find(relativePath);
@@ -100,8 +102,7 @@ std::set<std::string> QLXManifest::pathSet() const {
   return paths;
 }
 
-bool QLXManifest::folderContains(const std::vector<std::string>& folders,
-                                 const std::string& path) {
+bool QLXManifest::folderContains(const std::vector<std::string>& folders, const std::string& path) {
   for (const std::string& folder : folders) {
     if (folder.empty() || path.rfind(folder, 0) != 0) continue;
     if (folder.size() == path.size()) return true;
@@ -112,17 +113,17 @@ bool QLXManifest::folderContains(const std::vector<std::string>& folders,
 
 bool QLXManifest::addFilesFromPath(const std::string& start, const std::string& relativeTo,
                                    const std::vector<std::string>& skip, bool inclusive) {
-  return enumerateAndCollectMetaData(
-      start, relativeTo, skip, inclusive, [this](QLXFileMetadata& record, const std::string& path) {
-        setMetadata(std::move(record), path);
-        return true;
-      });
+  return enumerateAndCollectMetaData(start, relativeTo, skip, inclusive,
+                                     [this](QLXFileMetadata& record, const std::string& path) {
+                                       setMetadata(std::move(record), path);
+                                       return true;
+                                     });
 }
 
 bool QLXManifest::enumerateAndCollectMetaData(const std::string& start,
                                               const std::string& relativeTo,
-                                              const std::vector<std::string>& skip,
-                                              bool inclusive, const Handler& handler) {
+                                              const std::vector<std::string>& skip, bool inclusive,
+                                              const Handler& handler) {
   if (rootPath_) {
     QLXHDebugLog("rootPath already specified. Could not add more files.");
     return false;
@@ -196,12 +197,12 @@ bool QLXManifest::enumerateAndCollectMetaData(const std::string& start,
 std::int64_t QLXManifest::calculateTotalFileSize(const std::string& start,
                                                  const std::vector<std::string>& skipPaths) {
   platform::FileSystem& fs = *platform_.fileSystem;
-  auto entries = fs.enumeratorAtPath(start, [](const std::string& path,
-                                               const platform::Error& error) {
-    QLXHLog("%s: Could not enumerate %@, url=%@, error=%@", kTotalErrorHandler, path,
-            fileURL(path), error);
-    return true;
-  });
+  auto entries =
+      fs.enumeratorAtPath(start, [](const std::string& path, const platform::Error& error) {
+        QLXHLog("%s: Could not enumerate %@, url=%@, error=%@", kTotalErrorHandler, path,
+                fileURL(path), error);
+        return true;
+      });
   std::int64_t total = 0;
   while (auto path = entries->nextPath()) {
     if (folderContains(skipPaths, *path)) {
@@ -225,7 +226,8 @@ std::int64_t QLXManifest::calculateTotalFileSize(const std::string& start,
       continue;
     }
     const Value* size = attributes->find(platform::attr::kFileSize);
-    if (size) total = static_cast<std::int64_t>(static_cast<std::uint64_t>(total) + size->uint64Value());
+    if (size)
+      total = static_cast<std::int64_t>(static_cast<std::uint64_t>(total) + size->uint64Value());
   }
   return total;
 }

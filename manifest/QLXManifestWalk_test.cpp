@@ -1,13 +1,12 @@
 // How a walk stops, reports progress and logs, with faults injected, and
 // that hashing ahead on other threads changes none of it.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <random>
 #include <set>
-
-#include <gtest/gtest.h>
 
 #include "manifest/QLXManifest.h"
 #include "manifest/QLXProgressUpdater.h"
@@ -172,7 +171,8 @@ TEST_F(QLXManifestWalkTest, AnUnreadableFolderIsLoggedByBothPassesAndSkipped) {
     std::vector<std::string> expected = {
         "__48-[QLXManifest calculateTotalFileSize:skipPaths:]_block_invoke:" + tail,
         "__77-[QLXManifest enumerateAndCollectMetaData:relativeTo:skip:inclusive:handler:]_block_"
-        "invoke:" + tail};
+        "invoke:" +
+            tail};
     bool ok = out.result && out.collected == std::vector<std::string>{"/a", "/locked", "/z"} &&
               out.log == expected;
     ::_exit(ok ? 0 : 1);

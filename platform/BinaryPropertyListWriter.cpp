@@ -99,8 +99,7 @@ class Writer {
 
  private:
   // Counts the objects and bounds the bytes they take, before sharing.
-  static bool countObjects(const Value& v, int depth, std::uint64_t& count,
-                           std::uint64_t& bytes) {
+  static bool countObjects(const Value& v, int depth, std::uint64_t& count, std::uint64_t& bytes) {
     if (depth > kMaxDepth) return false;
     ++count;
     bytes += 17;  // marker, a count or a sixteen-byte integer

@@ -1,9 +1,9 @@
 #include "platform/BinaryPropertyListWriter.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "platform/testing/TempDirectory.h"
 
@@ -13,15 +13,14 @@ namespace {
 TEST(BinaryPropertyListWriterTest, WritesChildrenFirstWithATrailerThatFindsThem) {
   auto bytes = encodeBinaryPropertyList(Dictionary{{"a", 1}});
   ASSERT_TRUE(bytes);
-  const Data expected = {'b', 'p', 'l', 'i', 's', 't', '0', '0',
-                         0x51, 'a',         // 0: "a"
-                         0x10, 0x01,        // 1: 1
-                         0xD1, 0x00, 0x01,  // 2: {0: 1}
-                         0x08, 0x0A, 0x0C,  // offsets
-                         0, 0, 0, 0, 0, 0, 1, 1,
-                         0, 0, 0, 0, 0, 0, 0, 3,    // objects
-                         0, 0, 0, 0, 0, 0, 0, 2,    // top
-                         0, 0, 0, 0, 0, 0, 0, 15};  // offset table
+  const Data expected = {'b',  'p',  'l',  'i', 's', 't', '0', '0', 0x51, 'a',  // 0: "a"
+                         0x10, 0x01,                                            // 1: 1
+                         0xD1, 0x00, 0x01,                                      // 2: {0: 1}
+                         0x08, 0x0A, 0x0C,                                      // offsets
+                         0,    0,    0,    0,   0,   0,   1,   1,   0,    0,
+                         0,    0,    0,    0,   0,   3,              // objects
+                         0,    0,    0,    0,   0,   0,   0,   2,    // top
+                         0,    0,    0,    0,   0,   0,   0,   15};  // offset table
   EXPECT_EQ(*bytes, expected);
 }
 
@@ -41,8 +40,8 @@ TEST(BinaryPropertyListWriterTest, AnIndependentReaderGetsEveryTypeBack) {
   for (int i = 0; i < 300; ++i) big.set("key" + std::to_string(i), i * 1000);
   Value value = Dictionary{
       {"bools", Array{true, false}},
-      {"ints", Array{0, 255, 256, 65536, std::int64_t{1} << 40, -1, INT64_MIN,
-                     std::uint64_t{UINT64_MAX}}},
+      {"ints",
+       Array{0, 255, 256, 65536, std::int64_t{1} << 40, -1, INT64_MIN, std::uint64_t{UINT64_MAX}}},
       {"double", 2.5},
       {"date", Date{978307200.0 + 86400.5}},
       {"data", Data(40, 0xAB)},
@@ -72,11 +71,12 @@ TEST(BinaryPropertyListWriterTest, AnIndependentReaderGetsEveryTypeBack) {
   }
   std::string dataHex;
   for (int i = 0; i < 40; ++i) dataHex += "ab";
-  EXPECT_EQ(out, "[True, False] [0, 255, 256, 65536, 1099511627776, -1, -9223372036854775808, "
-                 "18446744073709551615] 2.5 2001-01-02T00:00:00.500000 " +
-                     dataHex +
-                     " 0102 caf\xc3\xa9 \xf0\x9f\x98\x80 and a long ascii tail ['repeated', "
-                     "'repeated'] 300 299000 ['key0', 'key1', 'key2'] {} bools\n");
+  EXPECT_EQ(out,
+            "[True, False] [0, 255, 256, 65536, 1099511627776, -1, -9223372036854775808, "
+            "18446744073709551615] 2.5 2001-01-02T00:00:00.500000 " +
+                dataHex +
+                " 0102 caf\xc3\xa9 \xf0\x9f\x98\x80 and a long ascii tail ['repeated', "
+                "'repeated'] 300 299000 ['key0', 'key1', 'key2'] {} bools\n");
 }
 
 }  // namespace

@@ -119,8 +119,7 @@ class FileSystem {
   // NUL-terminated names in the file system's order.
   virtual Result<std::size_t> listExtendedAttributes(const std::string& path,
                                                      std::span<std::uint8_t> buffer) = 0;
-  virtual Result<std::size_t> getExtendedAttribute(const std::string& path,
-                                                   const std::string& name,
+  virtual Result<std::size_t> getExtendedAttribute(const std::string& path, const std::string& name,
                                                    std::span<std::uint8_t> buffer) = 0;
   virtual Status setExtendedAttribute(const std::string& path, const std::string& name,
                                       std::span<const std::uint8_t> value) = 0;

@@ -82,8 +82,8 @@ bool readID(const Value& v, std::uint32_t* id) {
 
 Result<Dictionary> LinuxFileSystem::attributesOfItem(const std::string& path) {
   struct statx sx {};
-  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME,
-              &sx) != 0)
+  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) !=
+      0)
     return posixError(errno, path);
   Dictionary d;
   d.set(attr::kFileType, fileTypeName(sx.stx_mode));

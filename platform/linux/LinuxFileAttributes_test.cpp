@@ -1,10 +1,9 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/testing/TempDirectory.h"
@@ -123,10 +122,9 @@ TEST_F(LinuxFileAttributesTest, SetsModeAndDateAndAcceptsKeysWithoutLinuxMeaning
   EXPECT_EQ(st.st_size, 1);
   EXPECT_TRUE(fs.setAttributes({}, file));
 
-  for (auto bad : {Dictionary{{attr::kPosixPermissions, "0644"}},
-                   Dictionary{{attr::kModificationDate, 5}},
-                   Dictionary{{attr::kOwnerAccountID, -1}},
-                   Dictionary{{attr::kGroupOwnerAccountName, 7}}}) {
+  for (auto bad :
+       {Dictionary{{attr::kPosixPermissions, "0644"}}, Dictionary{{attr::kModificationDate, 5}},
+        Dictionary{{attr::kOwnerAccountID, -1}}, Dictionary{{attr::kGroupOwnerAccountName, 7}}}) {
     Status s = fs.setAttributes(bad, file);
     EXPECT_FALSE(s);
     EXPECT_EQ(s.error().code, EINVAL);

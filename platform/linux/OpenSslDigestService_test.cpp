@@ -1,10 +1,9 @@
 #include "platform/linux/OpenSslDigestService.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/testing/Commands.h"

@@ -69,8 +69,7 @@ Result<std::unique_ptr<ReadableFile>> FaultInjectingFileSystem::openForReading(
   auto file = inner_.openForReading(path);
   int err = fault(FsCall::Read, path);
   if (!file || !err) return file;
-  return std::unique_ptr<ReadableFile>(
-      std::make_unique<FailingReads>(std::move(*file), path, err));
+  return std::unique_ptr<ReadableFile>(std::make_unique<FailingReads>(std::move(*file), path, err));
 }
 
 Result<std::size_t> FaultInjectingFileSystem::listExtendedAttributes(
@@ -80,8 +79,9 @@ Result<std::size_t> FaultInjectingFileSystem::listExtendedAttributes(
   return inner_.listExtendedAttributes(path, buffer);
 }
 
-Result<std::size_t> FaultInjectingFileSystem::getExtendedAttribute(
-    const std::string& path, const std::string& name, std::span<std::uint8_t> buffer) {
+Result<std::size_t> FaultInjectingFileSystem::getExtendedAttribute(const std::string& path,
+                                                                   const std::string& name,
+                                                                   std::span<std::uint8_t> buffer) {
   if (int err = fault(FsCall::GetExtendedAttribute, name)) return injectedError(err, path);
   if (int err = fault(FsCall::GetExtendedAttributeAgain, name); err && !buffer.empty())
     return injectedError(err, path);

@@ -16,12 +16,12 @@ enum class FsCall {
   SetAttributes,
   DestinationOfSymbolicLink,
   OpenForReading,
-  Read,                        // every read after the first chunk of the file
-  ListExtendedAttributes,      // the size probe
-  ListExtendedAttributesAgain, // the call with a buffer: answers 0 names
-  GetExtendedAttribute,        // the size probe; the key is the attribute's name
-  GetExtendedAttributeAgain,   // the call with a buffer; the key is the name
-  SetExtendedAttribute,        // the key is the attribute's name
+  Read,                         // every read after the first chunk of the file
+  ListExtendedAttributes,       // the size probe
+  ListExtendedAttributesAgain,  // the call with a buffer: answers 0 names
+  GetExtendedAttribute,         // the size probe; the key is the attribute's name
+  GetExtendedAttributeAgain,    // the call with a buffer; the key is the name
+  SetExtendedAttribute,         // the key is the attribute's name
   Lchown,
   Lchmod,
 };

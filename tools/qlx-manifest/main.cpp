@@ -23,8 +23,8 @@
 #include "manifest/QLXFileMetadata.h"
 #include "manifest/QLXManifest.h"
 #include "manifest/QLXProgressUpdater.h"
-#include "platform/FileSystem.h"
 #include "platform/BinaryPropertyListWriter.h"
+#include "platform/FileSystem.h"
 #include "platform/Platform.h"
 #include "platform/PropertyList.h"
 #include "platform/linux/LinuxFileSystem.h"
@@ -114,7 +114,8 @@ int create(platform::Platform& platform, std::vector<std::string> args) {
   Value document(std::move(manifest.dict()));
   auto bytes = platform::encodeBinaryPropertyList(document);
   if (!bytes) return fail("cannot write the manifest: " + bytes.error().description);
-  if (!writeAll(output, *bytes)) return fail("cannot write " + output + ": " + std::strerror(errno));
+  if (!writeAll(output, *bytes))
+    return fail("cannot write " + output + ": " + std::strerror(errno));
   // Done: freeing a large manifest object by object would take longer than
   // the encoding did, and the process ends anyway.
   std::fflush(stderr);
