@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "platform/PropertyList.h"
 #include "platform/testing/TempDirectory.h"
 
 namespace platform {
@@ -22,6 +23,26 @@ TEST(BinaryPropertyListWriterTest, WritesChildrenFirstWithATrailerThatFindsThem)
                          0,    0,    0,    0,   0,   0,   0,   2,    // top
                          0,    0,    0,    0,   0,   0,   0,   15};  // offset table
   EXPECT_EQ(*bytes, expected);
+}
+
+TEST(BinaryPropertyListWriterTest, ThePlatformReaderGetsTheSameValueBack) {
+  Dictionary record{
+      {"QLXManifestFileAttributes", Dictionary{{"FileType", "Regular"},
+                                               {"FileSize", std::uint64_t{1} << 40},
+                                               {"FileOwnerAccountID", 501},
+                                               {"FileModificationDate", Date{1700000000.123456}},
+                                               {"FileImmutable", false}}},
+      {"QLXManifestFileExtendedAttributes", Dictionary{{"user.k", Data{0, 1}}}},
+      {"QLXManifestFileHash", Data(20, 7)},
+      {"QLXManifestSymbolicLinkTargetFile", "caf\xc3\xa9"}};
+  Dictionary manifest;
+  for (int i = 0; i < 300; ++i) manifest.set("/f" + std::to_string(i), record);
+  auto bytes = encodeBinaryPropertyList(manifest);
+  ASSERT_TRUE(bytes);
+  auto back = parsePropertyList(*bytes);
+  ASSERT_TRUE(back) << back.error().description;
+  EXPECT_TRUE(*back == Value(manifest));
+  EXPECT_EQ(back->dictionary()->keys(), manifest.keys());
 }
 
 TEST(BinaryPropertyListWriterTest, RefusesTextThatIsNotUtf8) {
