@@ -220,23 +220,21 @@ std::int64_t QLXManifest::calculateTotalFileSize(const std::string& start,
         QLXHLog("Could not get resource for key %@", platform::resourceKeyName(key));
     }
     if (!regular || link) continue;
-    auto attributes = fs.attributesOfItem(*path);
-    if (!attributes) {
+    // Only the size of the attributes is needed, and reading it alone keeps
+    // this pass cheap next to the walk.
+    auto size = fs.sizeOfItem(*path);
+    if (!size) {
       QLXHLog("Cound not get attribute for item %@", *path);
       continue;
     }
-    const Value* size = attributes->find(platform::attr::kFileSize);
-    if (size)
-      total = static_cast<std::int64_t>(static_cast<std::uint64_t>(total) + size->uint64Value());
+    total = static_cast<std::int64_t>(static_cast<std::uint64_t>(total) + *size);
   }
   return total;
 }
 
 std::uint64_t QLXManifest::fileSizeToAdjustPercentage(const std::string& path) {
-  auto attributes = platform_.fileSystem->attributesOfItem(path);
-  if (!attributes) return 0;
-  const Value* size = attributes->find(platform::attr::kFileSize);
-  return size ? size->uint64Value() : 0;
+  auto size = platform_.fileSystem->sizeOfItem(path);
+  return size ? *size : 0;
 }
 
 std::vector<std::string> QLXManifest::immediateHiddenFilesUnderPath(const std::string& folder) {

@@ -62,6 +62,7 @@ TEST_F(QLXManifestWalkTest, ARecordThatCannotBeMadeEndsTheWalkWithoutFailingIt) 
   dir.write("t/b", "b");
   dir.write("t/c", "c");
   fs.fail(FsCall::AttributesOfItem, dir / "t/b");
+  fs.fail(FsCall::SizeOfItem, dir / "t/b");
   Outcome out = walk(dir / "t", 0);
   EXPECT_TRUE(out.result);
   EXPECT_EQ(out.collected, std::vector<std::string>{"/a"});

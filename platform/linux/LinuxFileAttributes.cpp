@@ -107,6 +107,13 @@ Result<Dictionary> LinuxFileSystem::attributesOfItem(const std::string& path) {
   return d;
 }
 
+Result<std::uint64_t> LinuxFileSystem::sizeOfItem(const std::string& path) {
+  struct statx sx {};
+  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_SIZE, &sx) != 0)
+    return posixError(errno, path);
+  return static_cast<std::uint64_t>(sx.stx_size);
+}
+
 Status LinuxFileSystem::setAttributes(const Dictionary& attributes, const std::string& path) {
   struct statx sx {};
   if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &sx) != 0)

@@ -65,6 +65,8 @@ TEST_F(LinuxFileAttributesTest, NamesEveryKindOfItemWithoutFollowingLinks) {
   EXPECT_EQ(typeOf(fs, dir / "dangling"), "SymbolicLink");
   EXPECT_EQ(typeOf(fs, dir / "fifo"), "FIFO");
   EXPECT_EQ(fs.attributesOfItem(dir / "link")->find(attr::kFileSize)->int64Value(), 1);
+  EXPECT_EQ(*fs.sizeOfItem(dir / "link"), 1u);
+  EXPECT_EQ(*fs.sizeOfItem(file), 1u);
   if (root && ::mknod((dir / "null").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0) {
     auto attrs = fs.attributesOfItem(dir / "null");
     EXPECT_EQ(*attrs->find(attr::kFileType)->string(), "CharacterSpecial");

@@ -52,6 +52,11 @@ Result<Dictionary> FaultInjectingFileSystem::attributesOfItem(const std::string&
   return inner_.attributesOfItem(path);
 }
 
+Result<std::uint64_t> FaultInjectingFileSystem::sizeOfItem(const std::string& path) {
+  if (int err = fault(FsCall::SizeOfItem, path)) return injectedError(err, path);
+  return inner_.sizeOfItem(path);
+}
+
 Status FaultInjectingFileSystem::setAttributes(const Dictionary& attributes,
                                                const std::string& path) {
   if (int err = fault(FsCall::SetAttributes, path)) return injectedError(err, path);

@@ -13,6 +13,7 @@ namespace platform::testing {
 
 enum class FsCall {
   AttributesOfItem,
+  SizeOfItem,
   SetAttributes,
   DestinationOfSymbolicLink,
   OpenForReading,
@@ -38,6 +39,7 @@ class FaultInjectingFileSystem : public ForwardingFileSystem {
   void clear() { faults_.clear(), resources_.clear(); }
 
   Result<Dictionary> attributesOfItem(const std::string& path) override;
+  Result<std::uint64_t> sizeOfItem(const std::string& path) override;
   Status setAttributes(const Dictionary& attributes, const std::string& path) override;
   Result<std::string> destinationOfSymbolicLink(const std::string& path) override;
   Result<std::unique_ptr<ReadableFile>> openForReading(const std::string& path) override;

@@ -26,6 +26,9 @@ Result<std::vector<std::string>> ForwardingFileSystem::contentsOfDirectory(
 Result<Dictionary> ForwardingFileSystem::attributesOfItem(const std::string& path) {
   return inner_.attributesOfItem(path);
 }
+Result<std::uint64_t> ForwardingFileSystem::sizeOfItem(const std::string& path) {
+  return inner_.sizeOfItem(path);
+}
 Status ForwardingFileSystem::setAttributes(const Dictionary& attributes, const std::string& path) {
   return inner_.setAttributes(attributes, path);
 }
