@@ -137,7 +137,6 @@ bool QLXManifest::enumerateAndCollectMetaData(const std::string& start,
       fs, *platform_.digests, start,
       [&skip](const std::string& path) { return folderContains(skip, path); }, hashThreads_);
   std::optional<std::string> relativePath;
-  bool anyEntry = false;
   bool startTaken = false;
   for (;;) {
     std::optional<QLXHashingEnumerator::Item> item = entries.next();
@@ -146,15 +145,10 @@ bool QLXManifest::enumerateAndCollectMetaData(const std::string& start,
               fileURL(item->path), *item->error);
       continue;
     }
-    if (item) {
-      anyEntry = true;
-    } else if (!anyEntry && !inclusive) {
-      return true;
-    } else if (!inclusive || startTaken) {
-      return true;
-    } else {
-      startTaken = true;  // the start folder itself, after all of its contents
-    }
+    // Without inclusive, an empty enumeration is a complete, empty walk.
+    if (!item && (!inclusive || startTaken)) return true;
+    // With it, the start folder itself comes last, after all of its contents.
+    if (!item) startTaken = true;
     const std::string& path = item ? item->path : start;
     if (folderContains(skip, path)) continue;
 
