@@ -89,7 +89,8 @@ class FileSystem {
   // Follows links, as the platform's existence test does.
   virtual bool exists(const std::string& path, bool* isDirectory = nullptr) = 0;
   virtual Status createDirectory(const std::string& path, bool withIntermediates) = 0;
-  // Creates or replaces a file holding contents.
+  // Creates or replaces a file holding contents, in one step: readers see
+  // the old contents or the new, never a mix, even after a crash.
   virtual Status createFile(const std::string& path, std::span<const std::uint8_t> contents) = 0;
   // Removes a file, link or whole tree.
   virtual Status removeItem(const std::string& path) = 0;
