@@ -168,8 +168,7 @@ Result<std::string> LinuxFileSystem::destinationOfSymbolicLink(const std::string
   }
 }
 
-Status LinuxFileSystem::lchown(const std::string& path, std::uint32_t owner,
-                               std::uint32_t group) {
+Status LinuxFileSystem::lchown(const std::string& path, std::uint32_t owner, std::uint32_t group) {
   if (::lchown(path.c_str(), owner, group) != 0) return posixError(errno, path);
   return {};
 }
