@@ -147,12 +147,14 @@ int main(int argc, char** argv) {
     for (int i = 0; i < perRound; ++i) {
       const auto t0 = Clock::now();
       if (!plainTrip()) return 1;
-      plainSamples.micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+      plainSamples.micros.push_back(
+          std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
     }
     for (int i = 0; i < perRound; ++i) {
       const auto t0 = Clock::now();
       if (!ovixTrip()) return 1;
-      ovixSamples.micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+      ovixSamples.micros.push_back(
+          std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
     }
   }
 

@@ -175,7 +175,8 @@ void ConnectionCore::postMessage(Object message, std::size_t bytes) {
     pendingBytes_ += bytes;
   }
   auto self = shared_from_this();
-  queue_->post([self, message = std::move(message), bytes] { self->deliver(message, bytes, false); });
+  queue_->post(
+      [self, message = std::move(message), bytes] { self->deliver(message, bytes, false); });
 }
 
 void ConnectionCore::flushLocked() {

@@ -1,10 +1,9 @@
 #include "ovix/Connection.h"
 
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <fstream>
@@ -172,8 +171,8 @@ TEST_F(OvixConnection, TwoConnectionsAreServedConcurrently) {
 TEST_F(OvixConnection, ADepartingClientEndsItsConnectionWithExactlyOneInvalidEvent) {
   auto silent = EventRecorder::make();
   auto talking = EventRecorder::make();
-  auto recorders = std::make_shared<std::vector<std::shared_ptr<EventRecorder>>>(
-      std::vector{silent, talking});
+  auto recorders =
+      std::make_shared<std::vector<std::shared_ptr<EventRecorder>>>(std::vector{silent, talking});
   auto next = std::make_shared<std::atomic<std::size_t>>(0);
   auto released = std::make_shared<std::vector<std::weak_ptr<Connection>>>();
   listen("svc.bye", [=](const std::shared_ptr<Connection>& c) {
@@ -201,7 +200,8 @@ TEST_F(OvixConnection, ADepartingClientEndsItsConnectionWithExactlyOneInvalidEve
   std::this_thread::sleep_for(200ms);  // room for a wrong second event
 
   EXPECT_EQ(silent->events(), std::vector<Object>{errorConnectionInvalid()});
-  EXPECT_EQ(talking->events(), (std::vector<Object>{request("hello:", 1), errorConnectionInvalid()}));
+  EXPECT_EQ(talking->events(),
+            (std::vector<Object>{request("hello:", 1), errorConnectionInvalid()}));
   // After its last event the handler is let go, so the connection is too.
   {
     std::lock_guard lock(state_->mutex);

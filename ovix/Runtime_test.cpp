@@ -2,11 +2,10 @@
 // keep the usual meaning of SIGTERM.
 #include "ovix/Runtime.h"
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
