@@ -1,9 +1,9 @@
-# vexd_module(NAME [DIRS dir...] [DEPS target...])
+# vexd_module(NAME [DIRS dir...] [DEPS target...] [EXCLUDE file...])
 # Builds a static library from the non-test .cpp files of the listed folders
 # (relative to the calling CMakeLists.txt; "." by default) and records its
 # *_test.cpp files for the single unit-test binary.
 function(vexd_module name)
-  cmake_parse_arguments(ARG "" "" "DIRS;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "DIRS;DEPS;EXCLUDE" ${ARGN})
   if(NOT ARG_DIRS)
     set(ARG_DIRS .)
   endif()
@@ -15,7 +15,10 @@ function(vexd_module name)
       if(f MATCHES "_test\\.cpp$")
         list(APPEND tests ${f})
       elseif(NOT f MATCHES "_fuzzer\\.cpp$")
-        list(APPEND sources ${f})
+        get_filename_component(fname ${f} NAME)
+        if(NOT fname IN_LIST ARG_EXCLUDE)
+          list(APPEND sources ${f})
+        endif()
       endif()
     endforeach()
   endforeach()

@@ -71,23 +71,23 @@ namespace {
 
 enum class Length { Default, Long, LongLong, Half, Char };
 
-void appendPrintf(std::string& out, const std::string& spec, auto value) {
+void appendPrintf(std::string& out, const std::string& conversion, auto value) {
   char buf[128];
-  int n = std::snprintf(buf, sizeof buf, spec.c_str(), value);
+  int n = std::snprintf(buf, sizeof buf, conversion.c_str(), value);
   if (n < 0) return;
   if (static_cast<std::size_t>(n) < sizeof buf) {
     out.append(buf, static_cast<std::size_t>(n));
     return;
   }
   std::string big(static_cast<std::size_t>(n) + 1, '\0');
-  std::snprintf(big.data(), big.size(), spec.c_str(), value);
+  std::snprintf(big.data(), big.size(), conversion.c_str(), value);
   big.resize(static_cast<std::size_t>(n));
   out += big;
 }
 
 // Pads text to a width the way %s does, honouring '-'.
-void appendPadded(std::string& out, const std::string& text, const std::string& flags,
-                  int width, int precision) {
+void appendPadded(std::string& out, const std::string& text, const std::string& flags, int width,
+                  int precision) {
   std::string t = precision >= 0 && static_cast<std::size_t>(precision) < text.size()
                       ? text.substr(0, static_cast<std::size_t>(precision))
                       : text;
@@ -162,9 +162,9 @@ std::string formatMessage(std::string_view fmt, std::span<const FormatArg> args)
     }
     if (next >= args.size()) continue;  // a missing argument renders empty and is never read
     const FormatArg& arg = args[next++];
-    std::string spec = "%" + flags;
-    if (width > 0) spec += std::to_string(width);
-    if (precision >= 0) spec += "." + std::to_string(precision);
+    std::string conversion = "%" + flags;
+    if (width > 0) conversion += std::to_string(width);
+    if (precision >= 0) conversion += "." + std::to_string(precision);
     switch (conv) {
       case '@':
       case 's':
@@ -178,14 +178,15 @@ std::string formatMessage(std::string_view fmt, std::span<const FormatArg> args)
         if (arg.kind() == FormatArg::Kind::Text) {
           appendPadded(out, arg.asText(), flags, width, -1);
         } else if (length == Length::Long || length == Length::LongLong) {
-          appendPrintf(out, spec + "lld", static_cast<long long>(arg.asSigned()));
+          appendPrintf(out, conversion + "lld", static_cast<long long>(arg.asSigned()));
         } else if (length == Length::Half) {
-          appendPrintf(out, spec + "d", static_cast<int>(static_cast<short>(arg.asSigned())));
+          appendPrintf(out, conversion + "d", static_cast<int>(static_cast<short>(arg.asSigned())));
         } else if (length == Length::Char) {
-          appendPrintf(out, spec + "d",
+          appendPrintf(out, conversion + "d",
                        static_cast<int>(static_cast<signed char>(arg.asSigned())));
         } else {
-          appendPrintf(out, spec + "d", static_cast<int>(static_cast<std::int32_t>(arg.asSigned())));
+          appendPrintf(out, conversion + "d",
+                       static_cast<int>(static_cast<std::int32_t>(arg.asSigned())));
         }
         break;
       case 'u':
@@ -197,18 +198,19 @@ std::string formatMessage(std::string_view fmt, std::span<const FormatArg> args)
         }
         std::string tail(1, conv);
         if (length == Length::Long || length == Length::LongLong) {
-          appendPrintf(out, spec + "ll" + tail, static_cast<unsigned long long>(arg.asUnsigned()));
+          appendPrintf(out, conversion + "ll" + tail,
+                       static_cast<unsigned long long>(arg.asUnsigned()));
         } else {
-          appendPrintf(out, spec + tail,
+          appendPrintf(out, conversion + tail,
                        static_cast<unsigned>(static_cast<std::uint32_t>(arg.asUnsigned())));
         }
         break;
       }
       case 'p':
-        appendPrintf(out, spec + "llx", static_cast<unsigned long long>(arg.asUnsigned()));
+        appendPrintf(out, conversion + "llx", static_cast<unsigned long long>(arg.asUnsigned()));
         break;
       default:  // f g e E
-        appendPrintf(out, spec + std::string(1, conv), arg.asDouble());
+        appendPrintf(out, conversion + std::string(1, conv), arg.asDouble());
         break;
     }
   }

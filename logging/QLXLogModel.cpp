@@ -108,10 +108,8 @@ bool QLXLogModel::enableLogToFilesUnder(const std::string& folder, const std::st
 
 std::string QLXLogModel::fileNameForTodayUnder(const std::string& folder,
                                                const std::string& prefix) {
-  platform::CalendarDay day{};
-  if (clock_) {
-    day = clock_->localDay(now());
-  }
+  // Without a clock there is no time zone to ask; UTC is the honest day.
+  platform::CalendarDay day = clock_ ? clock_->localDay(now()) : platform::utcDay(now());
   return logging::format("%@/%@-%4ld%02ld%02ld.log", folder, prefix, day.year, day.month,
                          day.day);
 }

@@ -12,6 +12,9 @@ struct CalendarDay {
   long day = 0;    // 1..31
 };
 
+// The day of a moment in UTC, for clocks that keep no time zone.
+CalendarDay utcDay(Date moment);
+
 class Clock {
  public:
   virtual ~Clock() = default;

@@ -50,6 +50,38 @@ inline constexpr const char* kTypeUnknown = "Unknown";
 inline constexpr const char* kProtectionNone = "ProtectionNone";
 }  // namespace attr
 
+// The per-entry values a directory enumeration answers.
+enum class ResourceKey { IsRegularFile, IsDirectory, IsSymbolicLink };
+
+// The key's name as messages print it.
+const char* resourceKeyName(ResourceKey key);
+
+// A depth-first walk below one folder: a folder comes before its contents,
+// the entries of one folder come in name order, links are listed as links
+// and never entered.
+class DirectoryEnumerator {
+ public:
+  virtual ~DirectoryEnumerator() = default;
+  // The full path of the next entry; nothing when the walk is done.
+  virtual std::optional<std::string> nextPath() = 0;
+  // A value of the entry last returned by nextPath.
+  virtual Result<bool> resourceValue(ResourceKey key) = 0;
+  // Leaves out the contents of the folder last returned by nextPath.
+  virtual void skipDescendants() = 0;
+};
+
+// Told about a folder that cannot be read (with its path); answers whether
+// the walk goes on.
+using EnumerationErrorHandler = std::function<bool(const std::string& path, const Error& error)>;
+
+// A file opened for one sequential read of its contents.
+class ReadableFile {
+ public:
+  virtual ~ReadableFile() = default;
+  // Fills up to buffer.size() bytes; 0 means end of file.
+  virtual Result<std::size_t> read(std::span<std::uint8_t> buffer) = 0;
+};
+
 class FileSystem {
  public:
   virtual ~FileSystem() = default;
@@ -65,6 +97,37 @@ class FileSystem {
   virtual Result<std::vector<std::string>> contentsOfDirectory(const std::string& path) = 0;
   // The attribute dictionary of the item itself (links not followed).
   virtual Result<Dictionary> attributesOfItem(const std::string& path) = 0;
+
+  // Applies the settable keys of the attribute dictionary to the item itself
+  // (see docs/file-attributes.md); keys outside that set are ignored.
+  virtual Status setAttributes(const Dictionary& attributes, const std::string& path) = 0;
+  // One resource value of the item itself, as an enumeration answers it.
+  virtual Result<bool> resourceValue(const std::string& path, ResourceKey key) = 0;
+  virtual Result<std::string> destinationOfSymbolicLink(const std::string& path) = 0;
+  // Fails when something exists at the destination already.
+  virtual Status moveItem(const std::string& from, const std::string& to) = 0;
+  // A hard link at newPath to the item at existing.
+  virtual Status linkItem(const std::string& existing, const std::string& newPath) = 0;
+  virtual std::unique_ptr<DirectoryEnumerator> enumeratorAtPath(
+      const std::string& path, EnumerationErrorHandler errorHandler) = 0;
+  // Opens a regular file (links followed) for reading its contents once;
+  // the kernel is told the pages will not be needed again.
+  virtual Result<std::unique_ptr<ReadableFile>> openForReading(const std::string& path) = 0;
+
+  // Extended attributes of the item itself. Listing and reading take a
+  // buffer; an empty buffer asks only for the size needed. The list is the
+  // NUL-terminated names in the file system's order.
+  virtual Result<std::size_t> listExtendedAttributes(const std::string& path,
+                                                     std::span<std::uint8_t> buffer) = 0;
+  virtual Result<std::size_t> getExtendedAttribute(const std::string& path,
+                                                   const std::string& name,
+                                                   std::span<std::uint8_t> buffer) = 0;
+  virtual Status setExtendedAttribute(const std::string& path, const std::string& name,
+                                      std::span<const std::uint8_t> value) = 0;
+
+  // Ownership and permission bits of the item itself, links included.
+  virtual Status lchown(const std::string& path, std::uint32_t owner, std::uint32_t group) = 0;
+  virtual Status lchmod(const std::string& path, std::uint16_t mode) = 0;
 };
 
 }  // namespace platform

@@ -6,6 +6,7 @@ namespace platform {
 
 class Clock;
 class DeviceProperties;
+class DigestService;
 class FileSystem;
 class Gatecards;
 class HardwareRegistry;
@@ -22,6 +23,7 @@ struct Platform {
   HardwareRegistry* hardwareRegistry = nullptr;  // firmware variables, partition UUIDs
   TrustService* trust = nullptr;               // X.509 chains, RSA verification
   VolumeLayer* volumes = nullptr;              // the data disk, mounts, file-system resize
+  DigestService* digests = nullptr;            // SHA-1 for file hashing
 };
 
 // The process-wide bundle the singletons are made with.

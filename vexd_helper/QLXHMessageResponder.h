@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "platform/Value.h"
@@ -46,5 +47,7 @@ class QLXHMessageResponder {
   bool expandDataPartition(const platform::Value& parameter);
 
  private:
+  // Weak: the responder never keeps a client's connection alive.
+  mutable std::mutex connectionLock_;
   std::weak_ptr<ovix::Connection> connection_;
 };

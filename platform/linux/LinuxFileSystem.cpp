@@ -2,12 +2,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <linux/fs.h>
-#include <pwd.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -118,74 +114,79 @@ Result<std::vector<std::string>> LinuxFileSystem::contentsOfDirectory(const std:
 
 namespace {
 
-const char* fileTypeName(mode_t mode) {
-  switch (mode & S_IFMT) {
-    case S_IFREG:
-      return attr::kTypeRegular;
-    case S_IFDIR:
-      return attr::kTypeDirectory;
-    case S_IFLNK:
-      return attr::kTypeSymbolicLink;
-    case S_IFSOCK:
-      return attr::kTypeSocket;
-    case S_IFCHR:
-      return attr::kTypeCharacterSpecial;
-    case S_IFBLK:
-      return attr::kTypeBlockSpecial;
-    case S_IFIFO:
-      return attr::kTypeFIFO;
-    default:
-      return attr::kTypeUnknown;
-  }
-}
-
-Date toDate(const statx_timestamp& t) {
-  return Date{static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9};
-}
-
-std::optional<std::string> userName(uid_t uid) {
-  passwd pw{};
-  passwd* found = nullptr;
-  char buf[4096];
-  if (::getpwuid_r(uid, &pw, buf, sizeof buf, &found) != 0 || !found) return std::nullopt;
-  return std::string(found->pw_name);
-}
-
-std::optional<std::string> groupName(gid_t gid) {
-  group gr{};
-  group* found = nullptr;
-  char buf[4096];
-  if (::getgrgid_r(gid, &gr, buf, sizeof buf, &found) != 0 || !found) return std::nullopt;
-  return std::string(found->gr_name);
+int fileTypeOf(const std::string& path, mode_t* type) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return errno;
+  *type = st.st_mode & S_IFMT;
+  return 0;
 }
 
 }  // namespace
 
-Result<Dictionary> LinuxFileSystem::attributesOfItem(const std::string& path) {
-  struct statx sx {};
-  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW,
-              STATX_BASIC_STATS | STATX_BTIME, &sx) != 0)
+Result<bool> LinuxFileSystem::resourceValue(const std::string& path, ResourceKey key) {
+  mode_t type = 0;
+  if (int err = fileTypeOf(path, &type)) return posixError(err, path);
+  switch (key) {
+    case ResourceKey::IsRegularFile:
+      return type == S_IFREG;
+    case ResourceKey::IsDirectory:
+      return type == S_IFDIR;
+    case ResourceKey::IsSymbolicLink:
+      return type == S_IFLNK;
+  }
+  return false;
+}
+
+Result<std::string> LinuxFileSystem::destinationOfSymbolicLink(const std::string& path) {
+  // The link's size is the target's length on most file systems but not all
+  // (procfs says 0), so grow the buffer until the answer fits.
+  std::string target(256, '\0');
+  for (;;) {
+    ssize_t n = ::readlink(path.c_str(), target.data(), target.size());
+    if (n < 0) return posixError(errno, path);
+    if (static_cast<std::size_t>(n) < target.size()) {
+      target.resize(static_cast<std::size_t>(n));
+      return target;
+    }
+    if (target.size() >= (1u << 16)) return posixError(ENAMETOOLONG, path);
+    target.resize(target.size() * 4);
+  }
+}
+
+Status LinuxFileSystem::lchown(const std::string& path, std::uint32_t owner,
+                               std::uint32_t group) {
+  if (::lchown(path.c_str(), owner, group) != 0) return posixError(errno, path);
+  return {};
+}
+
+Status LinuxFileSystem::lchmod(const std::string& path, std::uint16_t mode) {
+  // Linux links carry no permission bits of their own: for a link this
+  // fails with EOPNOTSUPP, which callers expect and ignore.
+  if (::fchmodat(AT_FDCWD, path.c_str(), mode & 07777, AT_SYMLINK_NOFOLLOW) != 0)
     return posixError(errno, path);
-  Dictionary d;
-  d.set(attr::kFileType, fileTypeName(sx.stx_mode));
-  d.set(attr::kFileSize, static_cast<std::uint64_t>(sx.stx_size));
-  d.set(attr::kOwnerAccountID, static_cast<std::uint64_t>(sx.stx_uid));
-  d.set(attr::kGroupOwnerAccountID, static_cast<std::uint64_t>(sx.stx_gid));
-  if (auto name = userName(sx.stx_uid)) d.set(attr::kOwnerAccountName, *name);
-  if (auto name = groupName(sx.stx_gid)) d.set(attr::kGroupOwnerAccountName, *name);
-  d.set(attr::kPosixPermissions, static_cast<std::uint64_t>(sx.stx_mode & 07777));
-  if (sx.stx_mask & STATX_BTIME) d.set(attr::kCreationDate, toDate(sx.stx_btime));
-  d.set(attr::kModificationDate, toDate(sx.stx_mtime));
-  d.set(attr::kReferenceCount, static_cast<std::uint64_t>(sx.stx_nlink));
-  d.set(attr::kSystemNumber,
-        static_cast<std::uint64_t>(makedev(sx.stx_dev_major, sx.stx_dev_minor)));
-  d.set(attr::kSystemFileNumber, static_cast<std::uint64_t>(sx.stx_ino));
-  d.set(attr::kImmutable, (sx.stx_attributes & STATX_ATTR_IMMUTABLE) != 0);
-  d.set(attr::kAppendOnly, (sx.stx_attributes & STATX_ATTR_APPEND) != 0);
-  if (S_ISCHR(sx.stx_mode) || S_ISBLK(sx.stx_mode))
-    d.set(attr::kDeviceIdentifier,
-          static_cast<std::uint64_t>(makedev(sx.stx_rdev_major, sx.stx_rdev_minor)));
-  return d;
+  return {};
+}
+
+Result<std::size_t> LinuxFileSystem::listExtendedAttributes(const std::string& path,
+                                                            std::span<std::uint8_t> buffer) {
+  ssize_t n = ::llistxattr(path.c_str(), reinterpret_cast<char*>(buffer.data()), buffer.size());
+  if (n < 0) return posixError(errno, path);
+  return static_cast<std::size_t>(n);
+}
+
+Result<std::size_t> LinuxFileSystem::getExtendedAttribute(const std::string& path,
+                                                          const std::string& name,
+                                                          std::span<std::uint8_t> buffer) {
+  ssize_t n = ::lgetxattr(path.c_str(), name.c_str(), buffer.data(), buffer.size());
+  if (n < 0) return posixError(errno, path);
+  return static_cast<std::size_t>(n);
+}
+
+Status LinuxFileSystem::setExtendedAttribute(const std::string& path, const std::string& name,
+                                             std::span<const std::uint8_t> value) {
+  if (::lsetxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) != 0)
+    return posixError(errno, path);
+  return {};
 }
 
 }  // namespace platform

@@ -1,0 +1,227 @@
+// How a walk stops, reports progress and logs, with faults injected, and
+// that hashing ahead on other threads changes none of it.
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <random>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "manifest/QLXManifest.h"
+#include "manifest/QLXProgressUpdater.h"
+#include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/OpenSslDigestService.h"
+#include "platform/testing/ForwardingFileSystem.h"
+#include "platform/testing/LogCapture.h"
+#include "platform/testing/TempDirectory.h"
+
+namespace {
+
+using platform::Dictionary;
+using platform::ResourceKey;
+using platform::Result;
+using platform::testing::ForwardingDirectoryEnumerator;
+using platform::testing::ForwardingFileSystem;
+using platform::testing::injectedError;
+using platform::testing::LogCapture;
+using platform::testing::TempDirectory;
+
+class FaultyFileSystem : public ForwardingFileSystem {
+ public:
+  using ForwardingFileSystem::ForwardingFileSystem;
+  std::set<std::string> failAttributes, failOpen;
+  std::string failResourcePath;
+  ResourceKey failResourceKey = ResourceKey::IsDirectory;
+
+  Result<Dictionary> attributesOfItem(const std::string& p) override {
+    if (failAttributes.count(p)) return injectedError(EIO, p);
+    return inner().attributesOfItem(p);
+  }
+  Result<std::unique_ptr<platform::ReadableFile>> openForReading(const std::string& p) override {
+    if (failOpen.count(p)) return injectedError(EACCES, p);
+    return inner().openForReading(p);
+  }
+  std::unique_ptr<platform::DirectoryEnumerator> enumeratorAtPath(
+      const std::string& path, platform::EnumerationErrorHandler handler) override {
+    struct Failing : ForwardingDirectoryEnumerator {
+      using ForwardingDirectoryEnumerator::ForwardingDirectoryEnumerator;
+      FaultyFileSystem* fs = nullptr;
+      std::string current;
+      std::optional<std::string> nextPath() override {
+        auto p = ForwardingDirectoryEnumerator::nextPath();
+        current = p.value_or("");
+        return p;
+      }
+      Result<bool> resourceValue(ResourceKey key) override {
+        if (current == fs->failResourcePath && key == fs->failResourceKey)
+          return injectedError(EIO, current);
+        return ForwardingDirectoryEnumerator::resourceValue(key);
+      }
+    };
+    auto e = std::make_unique<Failing>(inner().enumeratorAtPath(path, std::move(handler)));
+    e->fs = this;
+    return e;
+  }
+};
+
+class QLXManifestWalkTest : public ::testing::Test {
+ protected:
+  platform::LinuxFileSystem linuxFs;
+  FaultyFileSystem fs{linuxFs};
+  platform::OpenSslDigestService digests;
+  platform::Platform platform{.fileSystem = &fs, .digests = &digests};
+  TempDirectory dir;
+
+  struct Outcome {
+    bool result;
+    std::vector<std::string> collected;
+    std::vector<std::string> log;
+    Dictionary dict;
+  };
+  Outcome walk(const std::string& start, unsigned threads, bool inclusive = false,
+               std::function<bool(const std::string&)> handlerAnswer = nullptr) {
+    LogCapture log;
+    QLXManifest manifest(platform);
+    manifest.setHashThreads(threads);
+    Outcome out;
+    out.result = manifest.enumerateAndCollectMetaData(
+        start, start, {}, inclusive, [&](QLXFileMetadata& record, const std::string& relative) {
+          out.collected.push_back(relative);
+          manifest.setMetadata(record, relative);
+          return handlerAnswer ? handlerAnswer(relative) : true;
+        });
+    out.log = log.messages();
+    out.dict = manifest.dict();
+    return out;
+  }
+};
+
+TEST_F(QLXManifestWalkTest, ARecordThatCannotBeMadeEndsTheWalkWithoutFailingIt) {
+  dir.write("t/a", "a");
+  dir.write("t/b", "b");
+  dir.write("t/c", "c");
+  fs.failAttributes = {dir / "t/b"};
+  Outcome out = walk(dir / "t", 0);
+  EXPECT_TRUE(out.result);
+  EXPECT_EQ(out.collected, std::vector<std::string>{"/a"});
+  ASSERT_GE(out.log.size(), 2u);
+  EXPECT_EQ(out.log[out.log.size() - 2], "Cannot get file attribute for " + (dir / "t/b"));
+  EXPECT_EQ(out.log.back(), "Couldn't get meta data for " + (dir / "t/b"));
+  // The total pass could not read b's size either.
+  EXPECT_EQ(out.log.front(), "Cound not get attribute for item " + (dir / "t/b"));
+}
+
+TEST_F(QLXManifestWalkTest, AHandlerOrAResourceValueFailureFailsTheWalk) {
+  dir.write("t/a", "a");
+  dir.write("t/b", "b");
+  Outcome refused = walk(dir / "t", 0, false, [](const std::string& r) { return r != "/a"; });
+  EXPECT_FALSE(refused.result);
+  EXPECT_EQ(refused.collected, std::vector<std::string>{"/a"});
+  EXPECT_EQ(refused.log.back(), "Couldn't run handler against " + (dir / "t/a"));
+
+  fs.failResourcePath = dir / "t/b";
+  fs.failResourceKey = ResourceKey::IsSymbolicLink;
+  Outcome noValue = walk(dir / "t", 0);
+  EXPECT_FALSE(noValue.result);
+  EXPECT_EQ(noValue.collected, std::vector<std::string>{"/a"});
+  EXPECT_EQ(noValue.log.back(), "Could not get resource for key IsSymbolicLink");
+  // The total pass logs the same failure and goes on.
+  EXPECT_EQ(noValue.log.front(), "Could not get resource for key IsSymbolicLink");
+}
+
+TEST_F(QLXManifestWalkTest, HashingAheadChangesNeitherRecordsNorMessagesNorStops) {
+  std::mt19937 random(11);
+  std::vector<std::string> files;
+  for (int d = 0; d < 6; ++d) {
+    for (int f = 0; f < 40; ++f) {
+      std::size_t size = random() % 3 == 0 ? random() % 600000 : random() % 3000;
+      std::string contents(size, static_cast<char>('a' + f % 26));
+      files.push_back(dir.write("t/d" + std::to_string(d) + "/f" + std::to_string(f), contents));
+    }
+  }
+  ASSERT_EQ(::mkfifo((dir / "t/d3/pipe").c_str(), 0600), 0);
+  ASSERT_EQ(::symlink("f1", (dir / "t/d2/link").c_str()), 0);
+  fs.failOpen = {files[17], files[200]};
+
+  Outcome alone = walk(dir / "t", 0, true);
+  Outcome ahead = walk(dir / "t", 2, true);
+  EXPECT_TRUE(alone.result);
+  EXPECT_EQ(alone.collected.size(), 6u * 41 + 1 + 1);
+  EXPECT_EQ(ahead.collected, alone.collected);
+  EXPECT_EQ(ahead.log, alone.log);
+  EXPECT_TRUE(ahead.dict == alone.dict);
+
+  // A stop part-way: what lies after it was hashed ahead but is neither
+  // collected nor logged.
+  fs.failAttributes = {files[150]};
+  Outcome stopAlone = walk(dir / "t", 0);
+  Outcome stopAhead = walk(dir / "t", 2);
+  EXPECT_TRUE(stopAhead.result);
+  EXPECT_EQ(stopAhead.collected, stopAlone.collected);
+  EXPECT_EQ(stopAhead.log, stopAlone.log);
+  EXPECT_EQ(stopAhead.log.back(), "Couldn't get meta data for " + files[150]);
+  for (const auto& line : stopAhead.log)
+    EXPECT_EQ(line.find(files[200]), std::string::npos) << line;
+}
+
+TEST_F(QLXManifestWalkTest, ProgressRisesOncePerValueAndEndsAboveAHundredWithFolders) {
+  std::size_t total = 0;
+  for (int d = 0; d < 4; ++d) {
+    for (int f = 0; f < 10; ++f) {
+      std::size_t size = 1000 + 3000 * static_cast<std::size_t>(f);
+      total += size;
+      dir.write("t/d" + std::to_string(d) + "/f" + std::to_string(f), std::string(size, 'x'));
+    }
+  }
+  std::vector<std::int64_t> sent;
+  QLXProgressUpdater updater([&](std::int64_t p) { sent.push_back(p); });
+  QLXManifest manifest(platform);
+  manifest.setProgressUpdater(&updater);
+  LogCapture log;
+  ASSERT_TRUE(manifest.addFilesFromPath(dir / "t", dir / "t", {}, true));
+  EXPECT_EQ(log.messages().front(), "Initializing percent with total " + std::to_string(total));
+  ASSERT_FALSE(sent.empty());
+  for (std::size_t i = 1; i < sent.size(); ++i) EXPECT_GT(sent[i], sent[i - 1]);
+  EXPECT_GT(sent.back(), 100);
+  EXPECT_EQ(updater.total(), static_cast<std::int64_t>(total));
+  EXPECT_EQ(log.matching("Percentage increased to ").size(), sent.size());
+
+  // Without an updater nothing is initialised or sent.
+  QLXManifest quiet(platform);
+  LogCapture quietLog;
+  ASSERT_TRUE(quiet.addFilesFromPath(dir / "t", dir / "t", {}, false));
+  EXPECT_TRUE(quietLog.messages().empty());
+}
+
+TEST_F(QLXManifestWalkTest, AnUnreadableFolderIsLoggedByBothPassesAndSkipped) {
+  if (::geteuid() != 0) GTEST_SKIP() << "dropping to another user needs root";
+  ::chmod(dir.path().c_str(), 0755);
+  dir.write("t/a", "");
+  dir.write("t/locked/inside", "");
+  dir.write("t/z", "");
+  std::string locked = dir / "t/locked";
+  ::chmod(locked.c_str(), 0);
+  pid_t child = ::fork();
+  if (child == 0) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(2);
+    Outcome out = walk(dir / "t", 2);
+    std::string tail = " Could not enumerate " + locked + ", url=file://" + locked +
+                       ", error=Permission denied (" + locked + ")";
+    std::vector<std::string> expected = {
+        "__48-[QLXManifest calculateTotalFileSize:skipPaths:]_block_invoke:" + tail,
+        "__77-[QLXManifest enumerateAndCollectMetaData:relativeTo:skip:inclusive:handler:]_block_"
+        "invoke:" + tail};
+    bool ok = out.result && out.collected == std::vector<std::string>{"/a", "/locked", "/z"} &&
+              out.log == expected;
+    ::_exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ::chmod(locked.c_str(), 0755);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace

@@ -1,0 +1,39 @@
+#include "platform/linux/LinuxReadableFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/linux/LinuxFileSystem.h"
+
+namespace platform {
+
+Result<std::size_t> LinuxReadableFile::read(std::span<std::uint8_t> buffer) {
+  for (;;) {
+    ssize_t n = ::read(fd_.get(), buffer.data(), buffer.size());
+    if (n >= 0) return static_cast<std::size_t>(n);
+    if (errno != EINTR) return posixError(errno, path_);
+  }
+}
+
+Result<std::unique_ptr<ReadableFile>> LinuxFileSystem::openForReading(const std::string& path) {
+  // O_NONBLOCK so that a FIFO put in a file's place cannot hang the caller;
+  // only regular files are read at all.
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!fd.valid()) return posixError(errno, path);
+  struct stat st {};
+  if (::fstat(fd.get(), &st) != 0) return posixError(errno, path);
+  if (!S_ISREG(st.st_mode)) return posixError(S_ISDIR(st.st_mode) ? EISDIR : EINVAL, path);
+  int flags = ::fcntl(fd.get(), F_GETFL);
+  if (flags >= 0) ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK);
+  // Read once, front to back: larger read-ahead, and the pages go back to
+  // the kernel first under pressure instead of pushing out what the rest of
+  // the device has cached. Advice only; a refusal changes nothing.
+  ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_NOREUSE);
+  return std::unique_ptr<ReadableFile>(std::make_unique<LinuxReadableFile>(std::move(fd), path));
+}
+
+}  // namespace platform

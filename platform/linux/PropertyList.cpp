@@ -1,0 +1,276 @@
+// Property lists through libplist 2.2. Its integer node is an unsigned
+// 64-bit value with a hidden width (8 bytes: signed, 16 bytes: unsigned), and
+// its dates count from 2001; the conversions below keep our types exact.
+#include "platform/PropertyList.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <string_view>
+
+#include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/PlistInputCheck.h"
+#include "platform/linux/PlistNode.h"
+#include "platform/linux/UniqueFd.h"
+#include "platform/linux/Utf8.h"
+
+namespace platform {
+
+namespace {
+
+constexpr const char* kDomain = "PropertyListErrorDomain";
+// Seconds from 1970-01-01 to libplist's epoch, 2001-01-01 UTC.
+constexpr double kEpoch2001 = 978307200.0;
+
+enum Code : std::int64_t { kMalformed = 1, kTooDeep = 2, kUnsupported = 3, kTooLarge = 4 };
+
+Error plistError(Code code, std::string description) {
+  return Error{kDomain, code, std::move(description)};
+}
+
+// Text libplist's C interface can carry: no NUL (it takes C strings) and
+// valid UTF-8 (its binary writer misreads anything else).
+std::optional<Error> checkText(const std::string& s, const char* what) {
+  if (s.find('\0') != std::string::npos)
+    return plistError(kUnsupported, std::string(what) + " holds a NUL character");
+  if (!isValidUtf8(s)) return plistError(kUnsupported, std::string(what) + " is not UTF-8");
+  return std::nullopt;
+}
+
+// libplist 2.2 marks an integer unsigned only when it parsed one from text
+// above INT64_MAX, so such a node is made the same way.
+PlistNode unsignedAboveSignedRange(std::uint64_t u) {
+  std::string xml = "<plist><integer>" + std::to_string(u) + "</integer></plist>";
+  plist_t node = nullptr;
+  plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &node);
+  return PlistNode(node);
+}
+
+// An integer node that compares unequal to the plain (signed-width) node of
+// the same bits is the 16-byte unsigned kind.
+bool isUnsignedWidth(plist_t node, std::uint64_t bits) {
+  PlistNode plain(plist_new_uint(bits));
+  return !plist_compare_node_value(node, plain.get());
+}
+
+Result<PlistNode> toNode(const Value& v, int depth);
+
+Result<PlistNode> containerToNode(const Value& v, int depth) {
+  if (depth >= kMaxPropertyListDepth)
+    return plistError(kTooDeep, "property list is nested too deeply");
+  if (const Array* a = v.array()) {
+    PlistNode node(plist_new_array());
+    for (const Value& item : *a) {
+      auto child = toNode(item, depth + 1);
+      if (!child) return child.error();
+      plist_array_append_item(node.get(), child->release());
+    }
+    return node;
+  }
+  PlistNode node(plist_new_dict());
+  for (const auto& [key, item] : *v.dictionary()) {
+    if (auto bad = checkText(key, "dictionary key")) return *bad;
+    auto child = toNode(item, depth + 1);
+    if (!child) return child.error();
+    plist_dict_set_item(node.get(), key.c_str(), child->release());
+  }
+  return node;
+}
+
+Result<PlistNode> toNode(const Value& v, int depth) {
+  switch (v.type()) {
+    case Value::Type::Null:
+      return plistError(kUnsupported, "property lists have no null value");
+    case Value::Type::Boolean:
+      return PlistNode(plist_new_bool(v.boolValue() ? 1 : 0));
+    case Value::Type::Int64:
+      return PlistNode(plist_new_uint(static_cast<std::uint64_t>(v.int64Value())));
+    case Value::Type::UInt64: {
+      std::uint64_t u = v.uint64Value();
+      if (u <= static_cast<std::uint64_t>(INT64_MAX)) return PlistNode(plist_new_uint(u));
+      PlistNode node = unsignedAboveSignedRange(u);
+      if (!node) return plistError(kUnsupported, "unsigned integer could not be represented");
+      return node;
+    }
+    case Value::Type::Double:
+      return PlistNode(plist_new_real(v.doubleValue()));
+    case Value::Type::String:
+      if (auto bad = checkText(*v.string(), "string")) return *bad;
+      return PlistNode(plist_new_string(v.string()->c_str()));
+    case Value::Type::Data: {
+      const Data& d = *v.data();
+      return PlistNode(
+          plist_new_data(d.empty() ? "" : reinterpret_cast<const char*>(d.data()), d.size()));
+    }
+    case Value::Type::Date: {
+      double since2001 = v.date()->seconds - kEpoch2001;
+      if (!std::isfinite(since2001) || since2001 <= INT32_MIN || since2001 >= INT32_MAX)
+        return plistError(kUnsupported, "date is outside the range property lists can hold");
+      // Both parts carry the sign; libplist adds them.
+      double whole = std::trunc(since2001);
+      auto usec = static_cast<std::int32_t>(std::llround((since2001 - whole) * 1e6));
+      auto sec = static_cast<std::int32_t>(whole);
+      if (usec >= 1000000) ++sec, usec -= 1000000;
+      if (usec <= -1000000) --sec, usec += 1000000;
+      return PlistNode(plist_new_date(sec, usec));
+    }
+    case Value::Type::Array:
+    case Value::Type::Dictionary:
+      return containerToNode(v, depth);
+  }
+  return plistError(kUnsupported, "unknown value type");
+}
+
+Result<Value> toValue(plist_t node, int depth);
+
+Result<Value> arrayToValue(plist_t node, int depth) {
+  Array items;
+  items.reserve(plist_array_get_size(node));
+  PlistMalloced<void> iter;
+  plist_array_new_iter(node, iter.out());
+  for (;;) {
+    plist_t child = nullptr;
+    plist_array_next_item(node, iter.get(), &child);
+    if (!child) break;
+    auto v = toValue(child, depth + 1);
+    if (!v) return v.error();
+    items.push_back(std::move(*v));
+  }
+  return Value(std::move(items));
+}
+
+Result<Value> dictionaryToValue(plist_t node, int depth) {
+  Dictionary entries;
+  PlistMalloced<void> iter;
+  plist_dict_new_iter(node, iter.out());
+  for (;;) {
+    PlistMalloced<char> key;
+    plist_t child = nullptr;
+    plist_dict_next_item(node, iter.get(), key.out(), &child);
+    if (!child || !key.get()) break;
+    auto v = toValue(child, depth + 1);
+    if (!v) return v.error();
+    entries.set(key.get(), std::move(*v));
+  }
+  return Value(std::move(entries));
+}
+
+Result<Value> toValue(plist_t node, int depth) {
+  switch (plist_get_node_type(node)) {
+    case PLIST_BOOLEAN: {
+      std::uint8_t b = 0;
+      plist_get_bool_val(node, &b);
+      return Value(b != 0);
+    }
+    case PLIST_UINT: {
+      std::uint64_t bits = 0;
+      plist_get_uint_val(node, &bits);
+      if (bits > static_cast<std::uint64_t>(INT64_MAX) && isUnsignedWidth(node, bits))
+        return Value(bits);
+      return Value(static_cast<std::int64_t>(bits));
+    }
+    case PLIST_REAL: {
+      double d = 0;
+      plist_get_real_val(node, &d);
+      return Value(d);
+    }
+    case PLIST_STRING: {
+      std::uint64_t length = 0;
+      const char* s = plist_get_string_ptr(node, &length);
+      return Value(std::string(s ? s : "", s ? length : 0));
+    }
+    case PLIST_DATA: {
+      std::uint64_t length = 0;
+      const char* p = plist_get_data_ptr(node, &length);
+      const auto* bytes = reinterpret_cast<const std::uint8_t*>(p);
+      return Value(p ? Data(bytes, bytes + length) : Data{});
+    }
+    case PLIST_DATE: {
+      std::int32_t sec = 0, usec = 0;
+      plist_get_date_val(node, &sec, &usec);
+      // libplist hands the fraction back without its sign.
+      double fraction = usec / 1e6;
+      return Value(Date{kEpoch2001 + sec + (sec < 0 ? -fraction : fraction)});
+    }
+    case PLIST_ARRAY:
+    case PLIST_DICT:
+      if (depth >= kMaxPropertyListDepth)
+        return plistError(kTooDeep, "property list is nested too deeply");
+      return plist_get_node_type(node) == PLIST_ARRAY ? arrayToValue(node, depth)
+                                                      : dictionaryToValue(node, depth);
+    default:
+      return plistError(kUnsupported, "property list holds a value of an unsupported type");
+  }
+}
+
+}  // namespace
+
+Result<Value> parsePropertyList(std::span<const std::uint8_t> bytes) {
+  if (bytes.empty()) return plistError(kMalformed, "property list is empty");
+  if (bytes.size() > kMaxPropertyListBytes)
+    return plistError(kTooLarge, "property list is larger than the accepted size");
+  bool binary = looksLikeBinaryPropertyList(bytes);
+  if (auto why = binary ? checkBinaryPropertyList(bytes) : checkXmlPropertyList(bytes))
+    return plistError(why->find("deeply") != std::string::npos ? kTooDeep : kMalformed, *why);
+  plist_t root = nullptr;
+  const char* text = reinterpret_cast<const char*>(bytes.data());
+  auto length = static_cast<std::uint32_t>(bytes.size());
+  if (binary)
+    plist_from_bin(text, length, &root);
+  else
+    plist_from_xml(text, length, &root);
+  PlistNode owned(root);
+  if (!owned) return plistError(kMalformed, "data is not a property list");
+  return toValue(owned.get(), 0);
+}
+
+Result<Value> readPropertyListFile(const std::string& path) {
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) return posixError(errno, path);
+  Data bytes;
+  std::uint8_t chunk[65536];
+  for (;;) {
+    ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return posixError(errno, path);
+    }
+    if (n == 0) break;
+    if (bytes.size() + static_cast<std::size_t>(n) > kMaxPropertyListBytes)
+      return plistError(kTooLarge, "property list is larger than the accepted size (" + path + ")");
+    bytes.insert(bytes.end(), chunk, chunk + n);
+  }
+  auto parsed = parsePropertyList(bytes);
+  if (!parsed) {
+    Error e = parsed.error();
+    e.description += " (" + path + ")";
+    return e;
+  }
+  return parsed;
+}
+
+Result<Data> writeBinaryPropertyList(const Value& value) {
+  auto node = toNode(value, 0);
+  if (!node) return node.error();
+  PlistMalloced<char> out;
+  std::uint32_t length = 0;
+  plist_to_bin(node->get(), out.out(), &length);
+  if (!out.get()) return plistError(kUnsupported, "property list could not be serialised");
+  const auto* p = reinterpret_cast<const std::uint8_t*>(out.get());
+  return Data(p, p + length);
+}
+
+Result<std::string> writeXmlPropertyList(const Value& value) {
+  auto node = toNode(value, 0);
+  if (!node) return node.error();
+  PlistMalloced<char> out;
+  std::uint32_t length = 0;
+  plist_to_xml(node->get(), out.out(), &length);
+  if (!out.get()) return plistError(kUnsupported, "property list could not be serialised");
+  return std::string(out.get(), length);
+}
+
+}  // namespace platform

@@ -1,0 +1,58 @@
+// Passes every call to another file system. A test derives from it and
+// overrides the one call it wants to fail or observe.
+#pragma once
+
+#include "platform/FileSystem.h"
+
+namespace platform::testing {
+
+class ForwardingFileSystem : public FileSystem {
+ public:
+  explicit ForwardingFileSystem(FileSystem& inner) : inner_(inner) {}
+
+  bool exists(const std::string& path, bool* isDirectory = nullptr) override;
+  Status createDirectory(const std::string& path, bool withIntermediates) override;
+  Status createFile(const std::string& path, std::span<const std::uint8_t> contents) override;
+  Status removeItem(const std::string& path) override;
+  Result<std::vector<std::string>> contentsOfDirectory(const std::string& path) override;
+  Result<Dictionary> attributesOfItem(const std::string& path) override;
+  Status setAttributes(const Dictionary& attributes, const std::string& path) override;
+  Result<bool> resourceValue(const std::string& path, ResourceKey key) override;
+  Result<std::string> destinationOfSymbolicLink(const std::string& path) override;
+  Status moveItem(const std::string& from, const std::string& to) override;
+  Status linkItem(const std::string& existing, const std::string& newPath) override;
+  std::unique_ptr<DirectoryEnumerator> enumeratorAtPath(
+      const std::string& path, EnumerationErrorHandler errorHandler) override;
+  Result<std::unique_ptr<ReadableFile>> openForReading(const std::string& path) override;
+  Result<std::size_t> listExtendedAttributes(const std::string& path,
+                                             std::span<std::uint8_t> buffer) override;
+  Result<std::size_t> getExtendedAttribute(const std::string& path, const std::string& name,
+                                           std::span<std::uint8_t> buffer) override;
+  Status setExtendedAttribute(const std::string& path, const std::string& name,
+                              std::span<const std::uint8_t> value) override;
+  Status lchown(const std::string& path, std::uint32_t owner, std::uint32_t group) override;
+  Status lchmod(const std::string& path, std::uint16_t mode) override;
+
+  FileSystem& inner() { return inner_; }
+
+ protected:
+  FileSystem& inner_;
+};
+
+// Passes every call to another enumerator, for the same purpose.
+class ForwardingDirectoryEnumerator : public DirectoryEnumerator {
+ public:
+  explicit ForwardingDirectoryEnumerator(std::unique_ptr<DirectoryEnumerator> inner)
+      : inner_(std::move(inner)) {}
+  std::optional<std::string> nextPath() override { return inner_->nextPath(); }
+  Result<bool> resourceValue(ResourceKey key) override { return inner_->resourceValue(key); }
+  void skipDescendants() override { inner_->skipDescendants(); }
+
+ private:
+  std::unique_ptr<DirectoryEnumerator> inner_;
+};
+
+// The POSIX error a fault stands for, with the path as context.
+Error injectedError(int err, const std::string& path);
+
+}  // namespace platform::testing

@@ -1,0 +1,178 @@
+"""Attribute restore from signed manifests: which signers a development device
+accepts, which file list a container type picks, and what the files end up
+with."""
+import datetime
+import hashlib
+import os
+
+import signed_manifest as sm
+from harness import (SIGNING, case, ctl, entering, expect_equal, expect_fail,
+                     expect_pass, mode_of, owner_of, remove, secure_boot, write)
+
+STAGING = "/private/var/QLXWorkContainer/QLX_staging"
+SIGNED = "/private/var/mobile/Media/Downloads/content.signed"
+METHOD = "-[QLXSignedManifest {}]"
+MTIME = datetime.datetime(2024, 2, 29, 12, 30, 0)
+
+
+def stage():
+    """Staged files whose attributes are all wrong before the restore."""
+    remove(STAGING)
+    write(f"{STAGING}/Info.plist", b"info", 0o600)
+    write(f"{STAGING}/Data/level.dat", b"level", 0o600)
+    write(f"{STAGING}/Group/shared.db", b"shared", 0o600)
+
+
+def good_record(content, mode=0o640):
+    return sm.record("Regular", "mobile", "mobile", mode, MTIME, {"user.velmor.origin": b"store"},
+                     hashlib.sha1(content).digest())
+
+
+BACKUP = {"/Info.plist": good_record(b"info"), "/Data/level.dat": good_record(b"level", 0o600)}
+
+
+def sign(body, signer="development", **envelope_args):
+    os.makedirs(os.path.dirname(SIGNED), exist_ok=True)
+    with open(SIGNED, "wb") as f:
+        f.write(sm.envelope(body, f"{SIGNING}/{signer}/signer.key",
+                            f"{SIGNING}/{signer}/chain.pem", **envelope_args))
+
+
+def restore(log, content_type=None, identifier=None):
+    parameter = {"StagingRootPath": STAGING, "ManifestPath": SIGNED}
+    if content_type is not None:
+        parameter["ContentType"] = content_type
+    if identifier is not None:
+        parameter["Identifier"] = identifier
+    return ctl("restoreAttributes:", parameter, log=log), parameter
+
+
+def expect_restored(path, mode):
+    expect_equal(owner_of(path), ("mobile", "mobile"), f"owner of {path}")
+    expect_equal(oct(mode_of(path)), oct(mode), f"mode of {path}")
+    expect_equal(os.getxattr(path, "user.velmor.origin"), b"store", f"xattr of {path}")
+    expect_equal(int(os.stat(path).st_mtime),
+                 int(MTIME.replace(tzinfo=datetime.timezone.utc).timestamp()), f"mtime of {path}")
+
+
+def expect_untouched(path):
+    expect_equal(owner_of(path), ("root", "root"), f"owner of {path}")
+    expect_equal(oct(mode_of(path)), oct(0o600), f"mode of {path}")
+
+
+@case("restore")
+def development_content_on_development_device(log):
+    stage()
+    sign(sm.payload(BACKUP))
+    reply, parameter = restore(log)
+    expect_pass(reply)
+    log.expect(entering("restoreAttributes:", parameter))
+    log.expect("Loading signed manifest.")
+    log.expect("Manifest passed signature check.")
+    expect_restored(f"{STAGING}/Info.plist", 0o640)
+    expect_restored(f"{STAGING}/Data/level.dat", 0o600)
+    expect_untouched(f"{STAGING}/Group/shared.db")
+
+
+@case("restore")
+def development_content_refused_where_fuse_is_set_or_unknown(log):
+    for fuse in (1, None):
+        stage()
+        sign(sm.payload(BACKUP))
+        with secure_boot(fuse):
+            reply, _ = restore(log)
+        expect_fail(reply)
+        log.expect(f"{METHOD.format('verifyManifestSignature:')}: Certificate not valid.")
+        expect_untouched(f"{STAGING}/Info.plist")
+
+
+@case("restore")
+def production_content_passes_everywhere(log):
+    stage()
+    sign(sm.payload(BACKUP), signer="production")
+    with secure_boot(1):
+        expect_pass(restore(log)[0])
+    expect_restored(f"{STAGING}/Info.plist", 0o640)
+
+
+@case("restore")
+def changed_payload_byte_fails_the_signature(log):
+    stage()
+    body = bytearray(sm.payload(BACKUP))
+    outer = sm.envelope(bytes(body), f"{SIGNING}/development/signer.key",
+                        f"{SIGNING}/development/chain.pem")
+    # The payload is an embedded binary plist; flip one byte of its content.
+    at = outer.index(bytes(body)) + len(body) // 2
+    tampered = outer[:at] + bytes([outer[at] ^ 0x01]) + outer[at + 1:]
+    with open(SIGNED, "wb") as f:
+        f.write(tampered)
+    expect_fail(restore(log)[0])
+    log.expect_absent("Manifest passed signature check.")
+    expect_untouched(f"{STAGING}/Info.plist")
+
+
+@case("restore")
+def envelope_and_payload_versions_are_checked(log):
+    stage()
+    sign(sm.payload(BACKUP), version=3)
+    expect_fail(restore(log)[0])
+    log.expect(f"{METHOD.format('initWithNSStream:')}: signed manifest version 3 is not supported yet")
+    sign(sm.payload(BACKUP, version=5))
+    expect_fail(restore(log)[0])
+    log.expect(f"{METHOD.format('initWithNSStream:')}: raw manifest version 5 is not supported.")
+    sign(sm.payload(BACKUP, version=4))
+    expect_pass(restore(log)[0])
+
+
+@case("restore")
+def app_data_picks_the_manifest_of_the_app(log):
+    stage()
+    app_data = {"com.velmor.demo.Showcase": {"Manifest": BACKUP},
+                "com.velmor.demo.NoManifest": {"Container": "x"}}
+    sign(sm.payload({}, app_data=app_data))
+    expect_pass(restore(log, "AppData", "com.velmor.demo.Showcase")[0])
+    expect_restored(f"{STAGING}/Info.plist", 0o640)
+
+    expect_fail(restore(log, "AppData", "com.velmor.demo.Missing")[0])
+    log.expect("Couldn't load container data for AppData/com.velmor.demo.Missing")
+    expect_fail(restore(log, "AppData", "com.velmor.demo.NoManifest")[0])
+    log.expect("Couldn't load manifest dict for AppData/com.velmor.demo.NoManifest")
+
+
+@case("restore")
+def group_data_is_the_file_list_itself(log):
+    stage()
+    group = {"group.com.velmor.demo": {"/Group/shared.db": good_record(b"shared")}}
+    sign(sm.payload({}, group_data=group))
+    expect_pass(restore(log, "GroupData", "group.com.velmor.demo")[0])
+    expect_restored(f"{STAGING}/Group/shared.db", 0o640)
+    expect_untouched(f"{STAGING}/Info.plist")
+
+
+@case("restore")
+def unknown_type_and_missing_identifier(log):
+    stage()
+    sign(sm.payload(BACKUP))
+    expect_fail(restore(log, "PhotoData", "com.velmor.demo.Showcase")[0])
+    log.expect("Couldn't load manifest dict for PhotoData/com.velmor.demo.Showcase")
+    expect_untouched(f"{STAGING}/Info.plist")
+    # A type without an identifier restores the "Backup" list.
+    expect_pass(restore(log, "AppData")[0])
+    expect_restored(f"{STAGING}/Info.plist", 0o640)
+
+
+@case("restore")
+def file_missing_from_staging_fails_the_restore(log):
+    stage()
+    backup = dict(BACKUP)
+    backup["/NotStaged.bin"] = good_record(b"absent")
+    sign(sm.payload(backup))
+    expect_fail(restore(log)[0])
+    log.expect_prefix(f"Could not set file attributs at {STAGING}/NotStaged.bin with error - ")
+
+
+@case("restore")
+def missing_manifest_file(log):
+    remove(SIGNED)
+    expect_fail(restore(log)[0])
+    log.expect("Loading signed manifest.")

@@ -1,0 +1,42 @@
+// The service's entry: the one place where the Linux platform is wired in.
+#include <future>
+
+#include "logging/QLXHLog.h"
+#include "logging/QLXLogModel.h"
+#include "platform/Platform.h"
+#include "platform/linux/LinuxClock.h"
+#include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/LinuxGatecards.h"
+#include "platform/linux/LinuxHardwareRegistry.h"
+#include "platform/linux/LinuxProcess.h"
+#include "platform/linux/LinuxVolumeLayer.h"
+#include "vexd_helper/QLXHService.h"
+
+namespace {
+
+void installLinuxPlatform() {
+  // Made once and never destroyed: the process ends with _exit.
+  platform::Platform& p = platform::shared();
+  p.clock = new platform::LinuxClock();
+  p.fileSystem = new platform::LinuxFileSystem();
+  p.process = new platform::LinuxProcess();
+  p.gatecards = new platform::LinuxGatecards();
+  p.hardwareRegistry = new platform::LinuxHardwareRegistry();
+  p.volumes = new platform::LinuxVolumeLayer();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  (void)argc;
+  installLinuxPlatform();
+  QLXHLog("%s started", argv[0]);
+  (void)QLXLogModel::sharedInstance().enableLogToFilesUnder("/private/var/logs/vexd",
+                                                            "vexd_helper", 5);
+  QLXH_start_listener();
+  // The main thread only keeps the process alive; Ovix delivers every event
+  // on its own queues.
+  std::promise<void> never;
+  never.get_future().wait();
+  return 0;
+}
