@@ -108,5 +108,23 @@ TEST_F(OvixTermination, WithNobodyLeftToTellSigtermEndsTheProcessAsUsual) {
   EXPECT_EQ(WTERMSIG(status), SIGTERM);
 }
 
+TEST_F(OvixTermination, AChildForkedByAServiceDiesOfSigtermAsUsual) {
+  // A service's children (helpers it forks) must not inherit a SIGTERM
+  // nobody takes.
+  ChildProcess service([] {
+    auto l = Listener::create("svc.parent");
+    if (!l) return 50;
+    ChildProcess helper([] {
+      ::pause();
+      return 0;
+    });
+    std::this_thread::sleep_for(50ms);
+    ::kill(helper.pid(), SIGTERM);
+    const int status = helper.waitStatus(5s);
+    return status >= 0 && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM ? 0 : 51;
+  });
+  EXPECT_EQ(service.wait(), 0);
+}
+
 }  // namespace
 }  // namespace ovix
