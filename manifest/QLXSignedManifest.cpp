@@ -1,15 +1,17 @@
 #include "manifest/QLXSignedManifest.h"
 
+#include <algorithm>
+#include <array>
 #include <span>
 #include <utility>
 #include <vector>
 
 #include "logging/QLXHLog.h"
 #include "platform/DeviceProperties.h"
+#include "platform/Digest.h"
 #include "platform/InputStream.h"
 #include "platform/Platform.h"
 #include "platform/PropertyList.h"
-#include "platform/Sha1.h"
 #include "platform/TrustService.h"
 
 namespace {
@@ -230,7 +232,13 @@ bool QLXSignedManifest::verifySignature(const platform::Value& signature,
                                         const platform::Data& data,
                                         const platform::PublicKey& key) {
   QLXHDebugLog("verifySignature is called");
-  platform::Sha1Digest digest = platform::sha1Of(data);
+  // A digest that cannot be computed stays zero and matches no signature.
+  std::array<std::uint8_t, 20> digest{};
+  if (platform_.digests != nullptr) {
+    platform::Data computed = platform::sha1(*platform_.digests, data);
+    if (computed.size() == digest.size())
+      std::copy(computed.begin(), computed.end(), digest.begin());
+  }
   static const platform::Data kNoSignature;
   const platform::Data& signatureBytes = signature.data() ? *signature.data() : kNoSignature;
   platform::TrustStatus status = platform_.trust->verifyPkcs1Sha1(key, digest, signatureBytes);

@@ -12,6 +12,7 @@
 #include "platform/InputStream.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxTrustService.h"
+#include "platform/linux/OpenSslDigestService.h"
 
 namespace {
 
@@ -32,9 +33,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::string root = anchors ? anchors : "/nonexistent";
   static platform::LinuxTrustService trust({root + "/production", root + "/development"});
   static DevelopmentHardware device;
+  static platform::OpenSslDigestService digests;
   static platform::Platform bundle;
   bundle.trust = &trust;
   bundle.deviceProperties = &device;
+  bundle.digests = &digests;
   services = &bundle;
   return 0;
 }

@@ -4,7 +4,7 @@
 
 #include "platform/InputStream.h"
 #include "platform/PropertyList.h"
-#include "platform/testing/CapturedLog.h"
+#include "platform/testing/LogCapture.h"
 #include "platform/testing/TestContentSigners.h"
 
 namespace {
@@ -12,7 +12,6 @@ namespace {
 using platform::Data;
 using platform::Dictionary;
 using platform::Value;
-using platform::testing::CapturedLog;
 using platform::testing::CertOptions;
 using platform::testing::Identity;
 using platform::testing::TestContentSigners;
@@ -33,9 +32,9 @@ class SignedManifestTest : public ::testing::Test {
   }
   std::unique_ptr<QLXSignedManifest> readBytes(Data bytes) {
     platform::DataInputStream stream(std::move(bytes));
-    log = std::make_unique<CapturedLog>();
+    platform::testing::LogCapture capture;
     auto manifest = QLXSignedManifest::signedManifestWithNSStream(stream, signers.platform);
-    log->lines();
+    logged = capture.messages();
     return manifest;
   }
   Data payload(std::int64_t version = 4) {
@@ -43,7 +42,9 @@ class SignedManifestTest : public ::testing::Test {
   }
 
   TestContentSigners signers;
-  std::unique_ptr<CapturedLog> log;
+  std::string lastLogged() const { return logged.empty() ? std::string() : logged.back(); }
+
+  std::vector<std::string> logged;  // what the last read logged
 };
 
 // Signing policies and the fuse.
@@ -53,9 +54,9 @@ TEST_F(SignedManifestTest, ProductionSignedManifestPassesOnAnyDevice) {
        {std::optional<int>(), std::optional<int>(1), std::optional<int>(0)}) {
     signers.setFuse(fuse);
     auto manifest = read(signers.productionEnvelope(payload()));
-    ASSERT_NE(manifest, nullptr) << log->last();
-    EXPECT_EQ(log->lines(), (std::vector<std::string>{"Verifing strong signing",
-                                                      "Manifest passed signature check."}));
+    ASSERT_NE(manifest, nullptr) << lastLogged();
+    EXPECT_EQ(logged, (std::vector<std::string>{"Verifing strong signing",
+                                                "Manifest passed signature check."}));
   }
 }
 
@@ -63,16 +64,15 @@ TEST_F(SignedManifestTest, DevelopmentSignedManifestPassesOnlyWhenTheFuseReadsZe
   Data bytes = payload();
   signers.setFuse(0);
   auto manifest = read(signers.developmentEnvelope(bytes));
-  ASSERT_NE(manifest, nullptr) << log->last();
-  EXPECT_EQ(log->lines(), (std::vector<std::string>{"Verifing strong signing", kUntrusted,
-                                                    "Verifing development signing",
-                                                    "Manifest passed signature check."}));
+  ASSERT_NE(manifest, nullptr) << lastLogged();
+  EXPECT_EQ(logged, (std::vector<std::string>{"Verifing strong signing", kUntrusted,
+                                              "Verifing development signing",
+                                              "Manifest passed signature check."}));
 
   for (std::optional<int> fuse : {std::optional<int>(), std::optional<int>(1)}) {
     signers.setFuse(fuse);
     EXPECT_EQ(read(signers.developmentEnvelope(bytes)), nullptr);
-    EXPECT_EQ(log->lines(),
-              (std::vector<std::string>{"Verifing strong signing", kUntrusted, kNotValid}));
+    EXPECT_EQ(logged, (std::vector<std::string>{"Verifing strong signing", kUntrusted, kNotValid}));
   }
 }
 
@@ -90,7 +90,7 @@ TEST_F(SignedManifestTest, UntrustedChainsFailOnEitherPolicy) {
         // Without the intermediate the production leaf reaches no anchor.
         signers.envelope(bytes, signers.productionSigner, {signers.productionSigner})}) {
     EXPECT_EQ(read(outer), nullptr);
-    EXPECT_EQ(log->lines(),
+    EXPECT_EQ(logged,
               (std::vector<std::string>{"Verifing strong signing", kUntrusted,
                                         "Verifing development signing", kUntrusted, kNotValid}));
   }
@@ -102,7 +102,7 @@ TEST_F(SignedManifestTest, MissingAnchorsCannotMakeAPolicy) {
   signers.platform.trust = &noAnchors;
   signers.setFuse(0);
   EXPECT_EQ(read(signers.productionEnvelope(payload())), nullptr);
-  EXPECT_EQ(log->lines(),
+  EXPECT_EQ(logged,
             (std::vector<std::string>{
                 "-[QLXSignedManifest createPublicKeyForStrongSigning:]: Cannot create policy.",
                 "Verifing development signing",
@@ -132,22 +132,22 @@ TEST_F(SignedManifestTest, AlteredPayloadOrForeignSignatureFailsSilently) {
   for (const Dictionary& bad : {altered, foreign, unsigned_, textSignature}) {
     EXPECT_EQ(read(bad), nullptr);
     // A bad signature has no message of its own.
-    EXPECT_EQ(log->lines(), std::vector<std::string>{"Verifing strong signing"});
+    EXPECT_EQ(logged, std::vector<std::string>{"Verifing strong signing"});
   }
 }
 
 TEST_F(SignedManifestTest, SignatureIsCheckedBeforeThePayloadIsParsed) {
   Data garbage = {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'};
   EXPECT_EQ(read(signers.productionEnvelope(garbage)), nullptr);
-  ASSERT_EQ(log->lines().size(), 3u);
-  EXPECT_EQ(log->lines()[1], "Manifest passed signature check.");
-  EXPECT_TRUE(log->last().starts_with(kInit + "Cannot convert to property list - "));
-  EXPECT_TRUE(log->last().ends_with(")."));
+  ASSERT_EQ(logged.size(), 3u);
+  EXPECT_EQ(logged[1], "Manifest passed signature check.");
+  EXPECT_TRUE(lastLogged().starts_with(kInit + "Cannot convert to property list - "));
+  EXPECT_TRUE(lastLogged().ends_with(")."));
 
   auto arrayBytes = platform::writeBinaryPropertyList(Value(platform::Array{Value(1)}));
   ASSERT_TRUE(arrayBytes.ok());
   EXPECT_EQ(read(signers.productionEnvelope(*arrayBytes)), nullptr);
-  EXPECT_EQ(log->last(), kInit + "payload format not correct.");
+  EXPECT_EQ(lastLogged(), kInit + "payload format not correct.");
 }
 
 // The envelope.
@@ -158,23 +158,22 @@ TEST_F(SignedManifestTest, EnvelopeMustBeAVersionTwoDictionary) {
     Dictionary other = outer;
     other.set("Version", Value(version));
     EXPECT_EQ(read(other), nullptr);
-    EXPECT_EQ(log->lines(),
-              std::vector<std::string>{kInit + "signed manifest version " +
-                                       std::to_string(version) + " is not supported yet"});
+    EXPECT_EQ(logged, std::vector<std::string>{kInit + "signed manifest version " +
+                                               std::to_string(version) + " is not supported yet"});
   }
   Dictionary noVersion = outer;
   noVersion.erase("Version");
   EXPECT_EQ(read(noVersion), nullptr);
-  EXPECT_EQ(log->lines(), std::vector<std::string>{kInit + "required key (version) not found."});
+  EXPECT_EQ(logged, std::vector<std::string>{kInit + "required key (version) not found."});
 
   auto array = platform::writeBinaryPropertyList(Value(platform::Array{Value(outer)}));
   ASSERT_TRUE(array.ok());
   EXPECT_EQ(readBytes(*array), nullptr);
-  EXPECT_EQ(log->lines(), std::vector<std::string>{kInit + "format not correct."});
+  EXPECT_EQ(logged, std::vector<std::string>{kInit + "format not correct."});
 
   EXPECT_EQ(readBytes({'{', '{', '{'}), nullptr);
-  ASSERT_EQ(log->lines().size(), 1u);
-  EXPECT_TRUE(log->last().starts_with(kInit + "Cannot convert to property list - "));
+  ASSERT_EQ(logged.size(), 1u);
+  EXPECT_TRUE(lastLogged().starts_with(kInit + "Cannot convert to property list - "));
 }
 
 TEST_F(SignedManifestTest, CertificateMustBeAnArrayOfDerCertificates) {
@@ -182,21 +181,20 @@ TEST_F(SignedManifestTest, CertificateMustBeAnArrayOfDerCertificates) {
   Dictionary single = outer;
   single.set("Certificate", Value(signers.pki.der(signers.productionSigner)));
   EXPECT_EQ(read(single), nullptr);
-  EXPECT_EQ(log->lines(),
-            std::vector<std::string>{
-                kVerify + "cannot find certificates, or certificate format not correct."});
+  EXPECT_EQ(logged, std::vector<std::string>{
+                        kVerify + "cannot find certificates, or certificate format not correct."});
 
   Dictionary absent = outer;
   absent.erase("Certificate");
   EXPECT_EQ(read(absent), nullptr);
-  EXPECT_EQ(log->last(), kVerify + "cannot find certificates, or certificate format not correct.");
+  EXPECT_EQ(lastLogged(), kVerify + "cannot find certificates, or certificate format not correct.");
 
   // A chain element that is not a certificate stops the chain at once.
   Dictionary undecodable = outer;
   undecodable.find("Certificate")->array()->push_back(Value("intermediate"));
   signers.setFuse(1);
   EXPECT_EQ(read(undecodable), nullptr);
-  EXPECT_EQ(log->lines(),
+  EXPECT_EQ(logged,
             (std::vector<std::string>{
                 "Verifing strong signing",
                 "__49-[QLXSignedManifest createPublicKey:usingPolicy:]_block_invoke: Cannot load "
@@ -206,9 +204,9 @@ TEST_F(SignedManifestTest, CertificateMustBeAnArrayOfDerCertificates) {
   Dictionary empty = outer;
   empty.set("Certificate", Value(platform::Array{}));
   EXPECT_EQ(read(empty), nullptr);
-  EXPECT_EQ(log->lines(), (std::vector<std::string>{
-                              "Verifing strong signing",
-                              kCreateKey + "Cannot create secure trust object: -1", kNotValid}));
+  EXPECT_EQ(logged, (std::vector<std::string>{"Verifing strong signing",
+                                              kCreateKey + "Cannot create secure trust object: -1",
+                                              kNotValid}));
 }
 
 TEST_F(SignedManifestTest, PayloadMustBeData) {
@@ -221,8 +219,8 @@ TEST_F(SignedManifestTest, PayloadMustBeData) {
       other.set("Payload", payloadValue);
     }
     EXPECT_EQ(read(other), nullptr);
-    EXPECT_EQ(log->lines(), (std::vector<std::string>{"Verifing strong signing",
-                                                      kVerify + "Manifest format not correct."}));
+    EXPECT_EQ(logged, (std::vector<std::string>{"Verifing strong signing",
+                                                kVerify + "Manifest format not correct."}));
   }
 }
 
@@ -231,18 +229,18 @@ TEST_F(SignedManifestTest, PayloadMustBeData) {
 TEST_F(SignedManifestTest, PayloadVersionThreeAndFourOnly) {
   for (std::int64_t version : {3, 4}) {
     auto manifest = read(signers.productionEnvelope(payload(version)));
-    ASSERT_NE(manifest, nullptr) << log->last();
+    ASSERT_NE(manifest, nullptr) << lastLogged();
     EXPECT_EQ(manifest->getVersion(), version);
   }
   for (std::int64_t version : {2, 5}) {
     EXPECT_EQ(read(signers.productionEnvelope(payload(version))), nullptr);
-    EXPECT_EQ(log->last(),
+    EXPECT_EQ(lastLogged(),
               kInit + "raw manifest version " + std::to_string(version) + " is not supported.");
   }
   Dictionary noVersion = TestContentSigners::samplePayload();
   noVersion.erase("Version");
   EXPECT_EQ(read(signers.productionEnvelope(TestContentSigners::encode(noVersion))), nullptr);
-  EXPECT_EQ(log->last(), kInit + "required key (version) not found.");
+  EXPECT_EQ(lastLogged(), kInit + "required key (version) not found.");
 }
 
 TEST_F(SignedManifestTest, FourKeysAreRequiredAndTheMessageNamesManifest) {
@@ -251,7 +249,7 @@ TEST_F(SignedManifestTest, FourKeysAreRequiredAndTheMessageNamesManifest) {
     lacking.erase(key);
     EXPECT_EQ(read(signers.productionEnvelope(TestContentSigners::encode(lacking))), nullptr);
     // The text's "%@" is never given an argument and prints as nothing.
-    EXPECT_EQ(log->last(), kInit + "required key (Info, App, AppData, or Manifest) not found: ")
+    EXPECT_EQ(lastLogged(), kInit + "required key (Info, App, AppData, or Manifest) not found: ")
         << key;
   }
 }
@@ -262,7 +260,7 @@ TEST_F(SignedManifestTest, GettersServeThePayload) {
   minimal.erase("ExtensionData");
   minimal.set("Info", Value("not a dictionary"));
   auto manifest = read(signers.productionEnvelope(TestContentSigners::encode(minimal)));
-  ASSERT_NE(manifest, nullptr) << log->last();
+  ASSERT_NE(manifest, nullptr) << lastLogged();
   EXPECT_EQ(manifest->getGroupDataList(), nullptr);
   EXPECT_EQ(manifest->getPlugInDataList(), nullptr);
   EXPECT_EQ(manifest->getInfo(), nullptr);  // present, but of the wrong type
@@ -289,9 +287,7 @@ TEST_F(SignedManifestTest, FileStreamsAreBoundedAndMustBeRegularFiles) {
   std::string path = signers.pki.writeFile("manifest.plist", bytes);
   auto stream = platform::inputStreamWithFileAtPath(path);
   ASSERT_NE(stream, nullptr);
-  CapturedLog quiet;
   EXPECT_NE(QLXSignedManifest::signedManifestWithNSStream(*stream, signers.platform), nullptr);
-  quiet.lines();
 
   EXPECT_EQ(platform::inputStreamWithFileAtPath(signers.pki.folder() + "/absent"), nullptr);
   EXPECT_EQ(platform::inputStreamWithFileAtPath(signers.pki.folder()), nullptr);
@@ -300,9 +296,9 @@ TEST_F(SignedManifestTest, FileStreamsAreBoundedAndMustBeRegularFiles) {
 
   Data tooLarge(QLXSignedManifest::kMaxManifestBytes + 1, ' ');
   EXPECT_EQ(readBytes(tooLarge), nullptr);
-  ASSERT_EQ(log->lines().size(), 1u);
-  EXPECT_TRUE(log->last().starts_with(kInit + "Cannot convert to property list - File too large"));
-  EXPECT_TRUE(log->last().ends_with("(0x1b)."));  // EFBIG
+  ASSERT_EQ(logged.size(), 1u);
+  EXPECT_TRUE(lastLogged().starts_with(kInit + "Cannot convert to property list - File too large"));
+  EXPECT_TRUE(lastLogged().ends_with("(0x1b)."));  // EFBIG
 }
 
 }  // namespace

@@ -27,6 +27,7 @@ std::map<std::string, Operation, std::less<>> makeTable() {
       {"writeNvram:", &R::writeNvram},
       {"reboot:", &R::reboot},
       {"quitHelper:", &R::quitHelper},
+      {"restoreAttributes:", &R::restoreAttributes},
       {"shrinkDataPartition:", &R::shrinkDataPartition},
       {"expandDataPartition:", &R::expandDataPartition},
       // Other public operations of the responder.

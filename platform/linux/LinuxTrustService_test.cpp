@@ -5,7 +5,8 @@
 #include <chrono>
 #include <filesystem>
 
-#include "platform/Sha1.h"
+#include "platform/Digest.h"
+#include "platform/linux/OpenSslDigestService.h"
 #include "platform/testing/SettableClock.h"
 #include "platform/testing/TestPki.h"
 
@@ -215,6 +216,10 @@ class RsaVerifyTest : public TrustServiceTest {
     EXPECT_EQ(service.createTrust(chain(service, {id}), *policy, trust), trust_status::kSuccess);
     return trust ? service.copyPublicKey(*trust) : nullptr;
   }
+  static Data sha1Of(const Data& bytes) {
+    OpenSslDigestService digests;
+    return sha1(digests, bytes);
+  }
   std::vector<std::uint8_t> payload{'d', 'e', 'm', 'o', ' ', 'c', 'o', 'n', 't', 'e', 'n', 't'};
 };
 
@@ -224,10 +229,10 @@ TEST_F(RsaVerifyTest, OpensslSignatureVerifiesAndAlterationsFail) {
   ASSERT_NE(key, nullptr);
   std::vector<std::uint8_t> signature = pki.signSha1(leaf, payload);
   ASSERT_EQ(signature.size(), 128u);
-  Sha1Digest digest = sha1Of(payload);
+  Data digest = sha1Of(payload);
   EXPECT_EQ(service.verifyPkcs1Sha1(*key, digest, signature), trust_status::kSuccess);
 
-  Sha1Digest otherDigest = digest;
+  Data otherDigest = digest;
   otherDigest[19] ^= 1;
   EXPECT_EQ(service.verifyPkcs1Sha1(*key, otherDigest, signature), trust_status::kBadSignature);
   std::vector<std::uint8_t> flipped = signature;

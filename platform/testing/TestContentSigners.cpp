@@ -27,6 +27,7 @@ TestContentSigners::TestContentSigners() {
       DevicePropertyPaths{.efiVariables = efiVariables, .dataVolume = pki.folder()});
   platform.trust = trust.get();
   platform.deviceProperties = deviceProperties.get();
+  platform.digests = &digests;
 }
 
 void TestContentSigners::setFuse(std::optional<int> value) {

@@ -13,6 +13,7 @@
 #include "platform/Value.h"
 #include "platform/linux/LinuxDeviceProperties.h"
 #include "platform/linux/LinuxTrustService.h"
+#include "platform/linux/OpenSslDigestService.h"
 #include "platform/testing/TestPki.h"
 
 namespace platform::testing {
@@ -48,6 +49,7 @@ class TestContentSigners {
   std::string efiVariables;
   std::unique_ptr<LinuxTrustService> trust;
   std::unique_ptr<LinuxDeviceProperties> deviceProperties;
+  OpenSslDigestService digests;
   Platform platform;
 };
 

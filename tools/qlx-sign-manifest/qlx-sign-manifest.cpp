@@ -1,10 +1,14 @@
 // qlx-sign-manifest: makes and checks signed content manifests.
 //
 //   qlx-sign-manifest sign --key KEY.pem --chain CHAIN.pem [--unchecked] -o OUT PAYLOAD.plist
+//   qlx-sign-manifest sign --key KEY.pem --chain CHAIN.pem -o OUT --folder DIR [--include-root]
+//       [--info INFO.plist] [--payload-version 3|4] [--app-data ID=DIR]... [--group-data ID=DIR]...
+//       [--extension-data ID=DIR]...
 //   qlx-sign-manifest verify [--production DIR] [--development DIR] [--fuse 0|1] MANIFEST
 //
 // See docs/signed-manifest.md for the file format.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -17,7 +21,10 @@
 #include "platform/InputStream.h"
 #include "platform/Platform.h"
 #include "platform/PropertyList.h"
+#include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/LinuxTrustService.h"
+#include "platform/linux/OpenSslDigestService.h"
+#include "tools/signing/FolderPayload.h"
 #include "tools/signing/ManifestSigner.h"
 
 namespace {
@@ -26,6 +33,10 @@ int usage() {
   std::fputs(
       "usage: qlx-sign-manifest sign --key KEY.pem --chain CHAIN.pem [--unchecked] -o OUT "
       "PAYLOAD.plist\n"
+      "       qlx-sign-manifest sign --key KEY.pem --chain CHAIN.pem -o OUT --folder DIR "
+      "[--include-root]\n"
+      "           [--info INFO.plist] [--payload-version 3|4] [--app-data ID=DIR]...\n"
+      "           [--group-data ID=DIR]... [--extension-data ID=DIR]...\n"
       "       qlx-sign-manifest verify [--production DIR] [--development DIR] [--fuse 0|1] "
       "MANIFEST\n",
       stderr);
@@ -50,8 +61,47 @@ bool writeFile(const std::string& path, const platform::Data& bytes) {
   return static_cast<bool>(out.flush());
 }
 
+// "ID=DIR" of a container option.
+bool container(const std::string& text, std::vector<std::pair<std::string, std::string>>& into) {
+  std::size_t equals = text.find('=');
+  if (equals == 0 || equals == std::string::npos || equals + 1 == text.size()) return false;
+  into.emplace_back(text.substr(0, equals), text.substr(equals + 1));
+  return true;
+}
+
+// The payload bytes from a folder, recorded the way the device records files.
+std::optional<platform::Data> folderPayload(const signing::FolderPayloadOptions& options,
+                                            const std::string& infoPath) {
+  signing::FolderPayloadOptions withInfo = options;
+  if (!infoPath.empty()) {
+    auto info = platform::readPropertyListFile(infoPath);
+    if (!info || !info->dictionary()) {
+      fail(infoPath + ": not a property-list dictionary");
+      return std::nullopt;
+    }
+    withInfo.info = *info->dictionary();
+  }
+  platform::LinuxFileSystem fileSystem;
+  platform::OpenSslDigestService digests;
+  platform::Platform services;
+  services.fileSystem = &fileSystem;
+  services.digests = &digests;
+  auto payload = signing::buildFolderPayload(services, withInfo);
+  if (!payload) {
+    fail(payload.error().description);
+    return std::nullopt;
+  }
+  auto bytes = platform::writeBinaryPropertyList(platform::Value(std::move(*payload)));
+  if (!bytes) {
+    fail("cannot encode the payload: " + bytes.error().description);
+    return std::nullopt;
+  }
+  return *bytes;
+}
+
 int sign(int argc, char** argv) {
-  std::string key, chain, output, payloadPath;
+  std::string key, chain, output, payloadPath, infoPath;
+  signing::FolderPayloadOptions folder;
   bool unchecked = false;
   for (int i = 0; i < argc; ++i) {
     std::string arg = argv[i];
@@ -64,18 +114,34 @@ int sign(int argc, char** argv) {
       output = argv[++i];
     else if (arg == "--unchecked")
       unchecked = true;
+    else if (arg == "--folder" && hasValue)
+      folder.backupFolder = argv[++i];
+    else if (arg == "--include-root")
+      folder.includeBackupRoot = true;
+    else if (arg == "--info" && hasValue)
+      infoPath = argv[++i];
+    else if (arg == "--payload-version" && hasValue)
+      folder.version = std::atoll(argv[++i]);
+    else if (arg == "--app-data" && hasValue && container(argv[i + 1], folder.appData))
+      ++i;
+    else if (arg == "--group-data" && hasValue && container(argv[i + 1], folder.groupData))
+      ++i;
+    else if (arg == "--extension-data" && hasValue && container(argv[i + 1], folder.extensionData))
+      ++i;
     else if (!arg.starts_with("-") && payloadPath.empty())
       payloadPath = arg;
     else
       return usage();
   }
-  if (key.empty() || chain.empty() || output.empty() || payloadPath.empty()) return usage();
+  if (key.empty() || chain.empty() || output.empty()) return usage();
+  if (payloadPath.empty() == folder.backupFolder.empty()) return usage();
 
-  std::optional<platform::Data> payload = readFile(payloadPath);
-  if (!payload) return fail("cannot read " + payloadPath);
+  std::optional<platform::Data> payload =
+      payloadPath.empty() ? folderPayload(folder, infoPath) : readFile(payloadPath);
+  if (!payload) return payloadPath.empty() ? 1 : fail("cannot read " + payloadPath);
   if (!unchecked) {
     platform::Status checked = signing::checkPayload(*payload);
-    if (!checked) return fail(payloadPath + ": " + checked.error().description);
+    if (!checked) return fail("payload: " + checked.error().description);
   }
   auto signer = signing::ManifestSigner::load(key, chain);
   if (!signer) return fail(signer.error().description);
@@ -127,6 +193,8 @@ int verify(int argc, char** argv) {
   platform::Platform services;
   services.trust = &trust;
   services.deviceProperties = &deviceProperties;
+  platform::OpenSslDigestService digests;
+  services.digests = &digests;
   std::unique_ptr<platform::InputStream> stream = platform::inputStreamWithFileAtPath(path);
   if (!stream) return fail("cannot open " + path);
   auto manifest = QLXSignedManifest::signedManifestWithNSStream(*stream, services);

@@ -61,4 +61,33 @@ fi
 if "$tool" verify --production production bad-signed.plist >/dev/null 2>&1; then
   echo "verified a payload of version 5" >&2; exit 1
 fi
+# A payload recorded from folders.
+mkdir -p content/Data app/Library group
+echo info >content/Info.plist
+echo level >content/Data/level.dat
+echo prefs >app/Library/demo.plist
+echo shared >group/shared.db
+chmod 0640 content/Info.plist
+setfattr -n user.velmor.origin -v store content/Info.plist
+"$tool" sign --key leaf.key --chain leaf.pem -o folder.plist --folder content \
+  --app-data com.example.app=app --group-data group.com.example=group 2>/dev/null
+python3 - <<'PY'
+import hashlib, plistlib
+outer = plistlib.load(open("folder.plist", "rb"))
+payload = plistlib.loads(outer["Payload"])
+assert payload["Version"] == 4
+assert sorted(payload["Backup"]) == ["/Data", "/Data/level.dat", "/Info.plist"], sorted(payload["Backup"])
+info = payload["Backup"]["/Info.plist"]
+assert sorted(info) == ["QLXManifestFileAttributes", "QLXManifestFileExtendedAttributes",
+                        "QLXManifestFileHash", "QLXManifestSymbolicLinkTargetFile"], sorted(info)
+assert info["QLXManifestFileHash"] == hashlib.sha1(b"info\n").digest()
+assert info["QLXManifestFileAttributes"]["FilePosixPermissions"] == 0o640
+assert info["QLXManifestFileExtendedAttributes"]["user.velmor.origin"] == b"store"
+assert payload["App"] == ["com.example.app"]
+assert sorted(payload["AppData"]["com.example.app"]["Manifest"]) == ["/", "/Library", "/Library/demo.plist"]
+assert sorted(payload["GroupData"]["group.com.example"]) == ["/", "/shared.db"]
+assert "ExtensionData" not in payload
+PY
+"$tool" verify --production production folder.plist >/dev/null 2>&1
+
 echo "qlx-sign-manifest round trip: ok"

@@ -4,7 +4,6 @@
 
 #include "manifest/QLXSignedManifest.h"
 #include "platform/InputStream.h"
-#include "platform/testing/CapturedLog.h"
 #include "platform/testing/TestContentSigners.h"
 
 namespace signing {
@@ -44,7 +43,6 @@ TEST_F(ManifestSignerTest, EnvelopeVerifiesWithOpensslAndWithTheService) {
   EXPECT_EQ(outer->find("Version")->int64Value(), 2);
 
   platform::DataInputStream stream(TestContentSigners::encode(*outer));
-  platform::testing::CapturedLog log;
   EXPECT_NE(QLXSignedManifest::signedManifestWithNSStream(stream, signers.platform), nullptr);
 }
 
