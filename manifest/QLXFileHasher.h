@@ -39,11 +39,9 @@ class QLXFileHasher : public QLXFileHashSource {
   static std::optional<platform::Data> directoryHash() { return std::nullopt; }
 
   // Hashes without logging; gives up between chunks once cancel is set.
-  QLXFileHashOutcome compute(const std::string& path,
-                             const std::atomic<bool>* cancel = nullptr);
+  QLXFileHashOutcome compute(const std::string& path, const std::atomic<bool>* cancel = nullptr);
   // Logs what an outcome means and answers the digest, if any.
-  static std::optional<platform::Data> report(QLXFileHashOutcome outcome,
-                                              const std::string& path);
+  static std::optional<platform::Data> report(QLXFileHashOutcome outcome, const std::string& path);
 
  private:
   platform::FileSystem& fileSystem_;

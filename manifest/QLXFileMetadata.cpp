@@ -21,8 +21,9 @@ QLXFileMetadata QLXFileMetadata::fileMetaDataWithMetadataDictionary(platform::Pl
   return QLXFileMetadata(platform, std::move(dict));
 }
 
-std::optional<QLXFileMetadata> QLXFileMetadata::fileMetadatatWithPath(
-    platform::Platform& platform, const std::string& path, QLXFileHashSource* source) {
+std::optional<QLXFileMetadata> QLXFileMetadata::fileMetadatatWithPath(platform::Platform& platform,
+                                                                      const std::string& path,
+                                                                      QLXFileHashSource* source) {
   return initWithPath(platform, path, source);
 }
 
@@ -95,8 +96,7 @@ std::optional<std::string> QLXFileMetadata::targetFileWithPath(platform::Platfor
                                                                const std::string& path) {
   auto target = platform.fileSystem->destinationOfSymbolicLink(path);
   if (!target) {
-    QLXHLog("Could not get destination of symbolic link %@ with error - %@", path,
-            target.error());
+    QLXHLog("Could not get destination of symbolic link %@ with error - %@", path, target.error());
     return std::nullopt;
   }
   return std::move(*target);
@@ -115,9 +115,10 @@ std::optional<std::vector<std::string>> QLXFileMetadata::extendedAttributeKeysWi
   auto length = platform.fileSystem->listExtendedAttributes(path, buffer);
   // The first call said there were names, so none now is an error.
   if (!length || *length < 1) {
-    QLXHLog("Could not extract extended attributes from %@. File is expected to have extended "
-            "attributes.",
-            path);
+    QLXHLog(
+        "Could not extract extended attributes from %@. File is expected to have extended "
+        "attributes.",
+        path);
     return std::nullopt;
   }
   const char* list = reinterpret_cast<const char*>(buffer.data());
@@ -141,9 +142,10 @@ std::optional<Data> QLXFileMetadata::valueForExtendedAttributesKey(platform::Pla
   auto length = platform.fileSystem->getExtendedAttribute(path, name, value);
   if (!length) {
     // The value changed size in between: the buffer goes back as it is.
-    QLXHLog("Coud not extract extended file attributes from %@. File is expected to have "
-            "extended attributes.",
-            path);
+    QLXHLog(
+        "Coud not extract extended file attributes from %@. File is expected to have "
+        "extended attributes.",
+        path);
     return value;
   }
   value.resize(*length);

@@ -44,8 +44,9 @@ class QLXFileMetadata {
                                                                     const std::string& path);
   static std::optional<std::vector<std::string>> extendedAttributeKeysWithPath(
       platform::Platform& platform, const std::string& path);
-  static std::optional<platform::Data> valueForExtendedAttributesKey(
-      platform::Platform& platform, const std::string& name, const std::string& path);
+  static std::optional<platform::Data> valueForExtendedAttributesKey(platform::Platform& platform,
+                                                                     const std::string& name,
+                                                                     const std::string& path);
   static std::optional<platform::Dictionary> extendedAttributesWithPath(
       platform::Platform& platform, const std::string& path);
   static std::optional<std::string> targetFileWithPath(platform::Platform& platform,

@@ -66,8 +66,7 @@ bool QLXFileMetadata::restoreAttribuesToPath(const std::string& path) const {
     // (Linux links have no mode) does not matter to the caller.
     (void)fs.lchown(path, static_cast<std::uint32_t>(number(attr::kOwnerAccountID).int64Value()),
                     static_cast<std::uint32_t>(number(attr::kGroupOwnerAccountID).int64Value()));
-    (void)fs.lchmod(path,
-                    static_cast<std::uint16_t>(number(attr::kPosixPermissions).int64Value()));
+    (void)fs.lchmod(path, static_cast<std::uint16_t>(number(attr::kPosixPermissions).int64Value()));
   } else {
     Dictionary settable = fileAttributesAllowSet(attributes);
     if (platform::Status s = fs.setAttributes(settable, path); !s) {
@@ -112,8 +111,8 @@ bool QLXFileMetadata::restoreAttribuesToPath(const std::string& path) const {
 std::int32_t QLXFileMetadata::compareWith(const QLXFileMetadata* other) const {
   if (!other) return 0;
   if (!sameString(getFileType(), other->getFileType())) return 1;
-  if (isType(getFileType(), attr::kTypeRegular) && isType(other->getFileType(), attr::kTypeRegular) &&
-      !sameData(getHash(), other->getHash()))
+  if (isType(getFileType(), attr::kTypeRegular) &&
+      isType(other->getFileType(), attr::kTypeRegular) && !sameData(getHash(), other->getHash()))
     return 2;
   if (isType(getFileType(), attr::kTypeSymbolicLink) &&
       !sameString(getTargetFile(), other->getTargetFile()))

@@ -78,7 +78,9 @@ std::string fileURL(const std::string& path) {
 QLXManifest::QLXManifest(platform::Platform& platform) : QLXManifest(platform, Dictionary{}) {}
 
 QLXManifest::QLXManifest(platform::Platform& platform, Dictionary dict)
-    : platform_(platform), dict_(std::move(dict)), hashThreads_(std::thread::hardware_concurrency()) {}
+    : platform_(platform),
+      dict_(std::move(dict)),
+      hashThreads_(std::thread::hardware_concurrency()) {}
 
 std::optional<QLXFileMetadata> QLXManifest::metadataForFile(const std::string& relativePath) const {
   const Value* entry = dict_.find(relativePath);
@@ -100,8 +102,7 @@ std::set<std::string> QLXManifest::pathSet() const {
   return paths;
 }
 
-bool QLXManifest::folderContains(const std::vector<std::string>& folders,
-                                 const std::string& path) {
+bool QLXManifest::folderContains(const std::vector<std::string>& folders, const std::string& path) {
   for (const std::string& folder : folders) {
     if (folder.empty() || path.rfind(folder, 0) != 0) continue;
     if (folder.size() == path.size()) return true;
@@ -112,17 +113,17 @@ bool QLXManifest::folderContains(const std::vector<std::string>& folders,
 
 bool QLXManifest::addFilesFromPath(const std::string& start, const std::string& relativeTo,
                                    const std::vector<std::string>& skip, bool inclusive) {
-  return enumerateAndCollectMetaData(
-      start, relativeTo, skip, inclusive, [this](QLXFileMetadata& record, const std::string& path) {
-        setMetadata(std::move(record), path);
-        return true;
-      });
+  return enumerateAndCollectMetaData(start, relativeTo, skip, inclusive,
+                                     [this](QLXFileMetadata& record, const std::string& path) {
+                                       setMetadata(std::move(record), path);
+                                       return true;
+                                     });
 }
 
 bool QLXManifest::enumerateAndCollectMetaData(const std::string& start,
                                               const std::string& relativeTo,
-                                              const std::vector<std::string>& skip,
-                                              bool inclusive, const Handler& handler) {
+                                              const std::vector<std::string>& skip, bool inclusive,
+                                              const Handler& handler) {
   if (rootPath_) {
     QLXHDebugLog("rootPath already specified. Could not add more files.");
     return false;
@@ -136,7 +137,6 @@ bool QLXManifest::enumerateAndCollectMetaData(const std::string& start,
       fs, *platform_.digests, start,
       [&skip](const std::string& path) { return folderContains(skip, path); }, hashThreads_);
   std::optional<std::string> relativePath;
-  bool anyEntry = false;
   bool startTaken = false;
   for (;;) {
     std::optional<QLXHashingEnumerator::Item> item = entries.next();
@@ -145,15 +145,10 @@ bool QLXManifest::enumerateAndCollectMetaData(const std::string& start,
               fileURL(item->path), *item->error);
       continue;
     }
-    if (item) {
-      anyEntry = true;
-    } else if (!anyEntry && !inclusive) {
-      return true;
-    } else if (!inclusive || startTaken) {
-      return true;
-    } else {
-      startTaken = true;  // the start folder itself, after all of its contents
-    }
+    // Without inclusive, an empty enumeration is a complete, empty walk.
+    if (!item && (!inclusive || startTaken)) return true;
+    // With it, the start folder itself comes last, after all of its contents.
+    if (!item) startTaken = true;
     const std::string& path = item ? item->path : start;
     if (folderContains(skip, path)) continue;
 
@@ -196,12 +191,12 @@ bool QLXManifest::enumerateAndCollectMetaData(const std::string& start,
 std::int64_t QLXManifest::calculateTotalFileSize(const std::string& start,
                                                  const std::vector<std::string>& skipPaths) {
   platform::FileSystem& fs = *platform_.fileSystem;
-  auto entries = fs.enumeratorAtPath(start, [](const std::string& path,
-                                               const platform::Error& error) {
-    QLXHLog("%s: Could not enumerate %@, url=%@, error=%@", kTotalErrorHandler, path,
-            fileURL(path), error);
-    return true;
-  });
+  auto entries =
+      fs.enumeratorAtPath(start, [](const std::string& path, const platform::Error& error) {
+        QLXHLog("%s: Could not enumerate %@, url=%@, error=%@", kTotalErrorHandler, path,
+                fileURL(path), error);
+        return true;
+      });
   std::int64_t total = 0;
   while (auto path = entries->nextPath()) {
     if (folderContains(skipPaths, *path)) {
@@ -219,22 +214,21 @@ std::int64_t QLXManifest::calculateTotalFileSize(const std::string& start,
         QLXHLog("Could not get resource for key %@", platform::resourceKeyName(key));
     }
     if (!regular || link) continue;
-    auto attributes = fs.attributesOfItem(*path);
-    if (!attributes) {
+    // Only the size of the attributes is needed, and reading it alone keeps
+    // this pass cheap next to the walk.
+    auto size = fs.sizeOfItem(*path);
+    if (!size) {
       QLXHLog("Cound not get attribute for item %@", *path);
       continue;
     }
-    const Value* size = attributes->find(platform::attr::kFileSize);
-    if (size) total = static_cast<std::int64_t>(static_cast<std::uint64_t>(total) + size->uint64Value());
+    total = static_cast<std::int64_t>(static_cast<std::uint64_t>(total) + *size);
   }
   return total;
 }
 
 std::uint64_t QLXManifest::fileSizeToAdjustPercentage(const std::string& path) {
-  auto attributes = platform_.fileSystem->attributesOfItem(path);
-  if (!attributes) return 0;
-  const Value* size = attributes->find(platform::attr::kFileSize);
-  return size ? size->uint64Value() : 0;
+  auto size = platform_.fileSystem->sizeOfItem(path);
+  return size ? *size : 0;
 }
 
 std::vector<std::string> QLXManifest::immediateHiddenFilesUnderPath(const std::string& folder) {

@@ -1,5 +1,6 @@
 // How a walk stops, reports progress and logs, with faults injected, and
 // that hashing ahead on other threads changes none of it.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,13 +8,11 @@
 #include <random>
 #include <set>
 
-#include <gtest/gtest.h>
-
 #include "manifest/QLXManifest.h"
 #include "manifest/QLXProgressUpdater.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/OpenSslDigestService.h"
-#include "platform/testing/ForwardingFileSystem.h"
+#include "platform/testing/FaultInjectingFileSystem.h"
 #include "platform/testing/LogCapture.h"
 #include "platform/testing/TempDirectory.h"
 
@@ -21,55 +20,15 @@ namespace {
 
 using platform::Dictionary;
 using platform::ResourceKey;
-using platform::Result;
-using platform::testing::ForwardingDirectoryEnumerator;
-using platform::testing::ForwardingFileSystem;
-using platform::testing::injectedError;
+using platform::testing::FaultInjectingFileSystem;
+using platform::testing::FsCall;
 using platform::testing::LogCapture;
 using platform::testing::TempDirectory;
-
-class FaultyFileSystem : public ForwardingFileSystem {
- public:
-  using ForwardingFileSystem::ForwardingFileSystem;
-  std::set<std::string> failAttributes, failOpen;
-  std::string failResourcePath;
-  ResourceKey failResourceKey = ResourceKey::IsDirectory;
-
-  Result<Dictionary> attributesOfItem(const std::string& p) override {
-    if (failAttributes.count(p)) return injectedError(EIO, p);
-    return inner().attributesOfItem(p);
-  }
-  Result<std::unique_ptr<platform::ReadableFile>> openForReading(const std::string& p) override {
-    if (failOpen.count(p)) return injectedError(EACCES, p);
-    return inner().openForReading(p);
-  }
-  std::unique_ptr<platform::DirectoryEnumerator> enumeratorAtPath(
-      const std::string& path, platform::EnumerationErrorHandler handler) override {
-    struct Failing : ForwardingDirectoryEnumerator {
-      using ForwardingDirectoryEnumerator::ForwardingDirectoryEnumerator;
-      FaultyFileSystem* fs = nullptr;
-      std::string current;
-      std::optional<std::string> nextPath() override {
-        auto p = ForwardingDirectoryEnumerator::nextPath();
-        current = p.value_or("");
-        return p;
-      }
-      Result<bool> resourceValue(ResourceKey key) override {
-        if (current == fs->failResourcePath && key == fs->failResourceKey)
-          return injectedError(EIO, current);
-        return ForwardingDirectoryEnumerator::resourceValue(key);
-      }
-    };
-    auto e = std::make_unique<Failing>(inner().enumeratorAtPath(path, std::move(handler)));
-    e->fs = this;
-    return e;
-  }
-};
 
 class QLXManifestWalkTest : public ::testing::Test {
  protected:
   platform::LinuxFileSystem linuxFs;
-  FaultyFileSystem fs{linuxFs};
+  FaultInjectingFileSystem fs{linuxFs};
   platform::OpenSslDigestService digests;
   platform::Platform platform{.fileSystem = &fs, .digests = &digests};
   TempDirectory dir;
@@ -102,7 +61,8 @@ TEST_F(QLXManifestWalkTest, ARecordThatCannotBeMadeEndsTheWalkWithoutFailingIt) 
   dir.write("t/a", "a");
   dir.write("t/b", "b");
   dir.write("t/c", "c");
-  fs.failAttributes = {dir / "t/b"};
+  fs.fail(FsCall::AttributesOfItem, dir / "t/b");
+  fs.fail(FsCall::SizeOfItem, dir / "t/b");
   Outcome out = walk(dir / "t", 0);
   EXPECT_TRUE(out.result);
   EXPECT_EQ(out.collected, std::vector<std::string>{"/a"});
@@ -121,8 +81,7 @@ TEST_F(QLXManifestWalkTest, AHandlerOrAResourceValueFailureFailsTheWalk) {
   EXPECT_EQ(refused.collected, std::vector<std::string>{"/a"});
   EXPECT_EQ(refused.log.back(), "Couldn't run handler against " + (dir / "t/a"));
 
-  fs.failResourcePath = dir / "t/b";
-  fs.failResourceKey = ResourceKey::IsSymbolicLink;
+  fs.failResource(dir / "t/b", ResourceKey::IsSymbolicLink);
   Outcome noValue = walk(dir / "t", 0);
   EXPECT_FALSE(noValue.result);
   EXPECT_EQ(noValue.collected, std::vector<std::string>{"/a"});
@@ -143,7 +102,8 @@ TEST_F(QLXManifestWalkTest, HashingAheadChangesNeitherRecordsNorMessagesNorStops
   }
   ASSERT_EQ(::mkfifo((dir / "t/d3/pipe").c_str(), 0600), 0);
   ASSERT_EQ(::symlink("f1", (dir / "t/d2/link").c_str()), 0);
-  fs.failOpen = {files[17], files[200]};
+  fs.fail(FsCall::OpenForReading, files[17], EACCES);
+  fs.fail(FsCall::OpenForReading, files[200], EACCES);
 
   Outcome alone = walk(dir / "t", 0, true);
   Outcome ahead = walk(dir / "t", 2, true);
@@ -155,7 +115,7 @@ TEST_F(QLXManifestWalkTest, HashingAheadChangesNeitherRecordsNorMessagesNorStops
 
   // A stop part-way: what lies after it was hashed ahead but is neither
   // collected nor logged.
-  fs.failAttributes = {files[150]};
+  fs.fail(FsCall::AttributesOfItem, files[150]);
   Outcome stopAlone = walk(dir / "t", 0);
   Outcome stopAhead = walk(dir / "t", 2);
   EXPECT_TRUE(stopAhead.result);
@@ -212,7 +172,8 @@ TEST_F(QLXManifestWalkTest, AnUnreadableFolderIsLoggedByBothPassesAndSkipped) {
     std::vector<std::string> expected = {
         "__48-[QLXManifest calculateTotalFileSize:skipPaths:]_block_invoke:" + tail,
         "__77-[QLXManifest enumerateAndCollectMetaData:relativeTo:skip:inclusive:handler:]_block_"
-        "invoke:" + tail};
+        "invoke:" +
+            tail};
     bool ok = out.result && out.collected == std::vector<std::string>{"/a", "/locked", "/z"} &&
               out.log == expected;
     ::_exit(ok ? 0 : 1);

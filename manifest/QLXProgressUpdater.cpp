@@ -26,15 +26,15 @@ void QLXProgressUpdater::initializePercentageWithTotal(std::int64_t total) {
 void QLXProgressUpdater::updatePercentageWithIncrement(std::int64_t increment) {
   // 64-bit arithmetic that wraps instead of being undefined on overflow.
   auto wrap = [](std::uint64_t u) { return static_cast<std::int64_t>(u); };
-  std::int64_t done = wrap(static_cast<std::uint64_t>(finished()) +
-                           static_cast<std::uint64_t>(increment));
+  std::int64_t done =
+      wrap(static_cast<std::uint64_t>(finished()) + static_cast<std::uint64_t>(increment));
   setFinished(done);
   std::int64_t total = this->total();
   // Nothing to measure against: an empty tree reports nothing.
   if (total == 0) return;
   std::int64_t product = wrap(static_cast<std::uint64_t>(done) * 100u);
-  std::int64_t quotient = total == -1 ? wrap(0u - static_cast<std::uint64_t>(product))
-                                      : product / total;
+  std::int64_t quotient =
+      total == -1 ? wrap(0u - static_cast<std::uint64_t>(product)) : product / total;
   auto percent = static_cast<std::int32_t>(quotient);
   if (percent <= reportedPercent()) return;
   QLXHLog("Percentage increased to %d", percent);

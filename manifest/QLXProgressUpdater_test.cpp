@@ -20,9 +20,9 @@ TEST_F(QLXProgressUpdaterTest, SendsEachRisingPercentOnce) {
   updater.updatePercentageWithIncrement(5);
   updater.updatePercentageWithIncrement(990);
   EXPECT_EQ(sent, (std::vector<std::int64_t>{1, 100}));
-  EXPECT_EQ(log.messages(), (std::vector<std::string>{"Initializing percent with total 1000",
-                                                      "Percentage increased to 1",
-                                                      "Percentage increased to 100"}));
+  EXPECT_EQ(log.messages(),
+            (std::vector<std::string>{"Initializing percent with total 1000",
+                                      "Percentage increased to 1", "Percentage increased to 100"}));
   EXPECT_EQ(updater.finished(), 1000);
   EXPECT_EQ(updater.reportedPercent(), 100);
 }
@@ -31,12 +31,12 @@ TEST_F(QLXProgressUpdaterTest, TruncatesJumpsAndNeverGoesDown) {
   updater.initializePercentageWithTotal(200);
   updater.updatePercentageWithIncrement(1);  // 100/200 truncates to 0
   EXPECT_TRUE(sent.empty());
-  updater.updatePercentageWithIncrement(5);   // 3
-  updater.updatePercentageWithIncrement(1);   // 3 again: nothing
-  updater.updatePercentageWithIncrement(8);   // 7: one message, not four
+  updater.updatePercentageWithIncrement(5);  // 3
+  updater.updatePercentageWithIncrement(1);  // 3 again: nothing
+  updater.updatePercentageWithIncrement(8);  // 7: one message, not four
   updater.updatePercentageWithIncrement(-10);
-  updater.updatePercentageWithIncrement(9);   // back to 7: nothing
-  updater.updatePercentageWithIncrement(2);   // 8
+  updater.updatePercentageWithIncrement(9);  // back to 7: nothing
+  updater.updatePercentageWithIncrement(2);  // 8
   EXPECT_EQ(sent, (std::vector<std::int64_t>{3, 7, 8}));
   // Work beyond the total is still reported.
   updater.updatePercentageWithIncrement(284);

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "logging/testing/LogCapture.h"
+#include "platform/testing/LogCapture.h"
 #include "operations/QLXHOperations.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxFileSystem.h"
@@ -14,6 +14,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using platform::testing::LogCapture;
 
 // Ownership changes need root; "daemon" stands in for the mobile account,
 // which the host does not have.

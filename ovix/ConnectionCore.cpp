@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <system_error>
 #include <thread>
 
 #include "ovix/Socket.h"
@@ -18,7 +19,15 @@ ConnectionCore::ConnectionCore(platform::UniqueFd socket)
 
 std::shared_ptr<ConnectionCore> ConnectionCore::start(platform::UniqueFd socket) {
   auto core = std::make_shared<ConnectionCore>(std::move(socket));
-  std::thread(ioLoop, core).detach();
+  // Without a wake-up descriptor cancel() could not reach the I/O thread:
+  // such a connection ends at once rather than becoming unstoppable.
+  if (!core->wake_.valid()) core->cancelled_ = true;
+  try {
+    std::thread(ioLoop, core).detach();
+  } catch (const std::system_error&) {
+    // No thread to be had: the connection ends as soon as it is resumed.
+    core->finish();
+  }
   return core;
 }
 
@@ -175,7 +184,8 @@ void ConnectionCore::postMessage(Object message, std::size_t bytes) {
     pendingBytes_ += bytes;
   }
   auto self = shared_from_this();
-  queue_->post([self, message = std::move(message), bytes] { self->deliver(message, bytes, false); });
+  queue_->post(
+      [self, message = std::move(message), bytes] { self->deliver(message, bytes, false); });
 }
 
 void ConnectionCore::flushLocked() {

@@ -2,12 +2,11 @@
 // connection, nothing more.
 #include "ovix/ConnectionCore.h"
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "ovix/Connection.h"
 #include "ovix/Listener.h"
@@ -155,9 +154,12 @@ TEST_F(OvixBadFrames, EachEndsOnlyItsOwnConnection) {
     bool endWriting;
   };
   const std::vector<Case> cases = {
-      {"truncated", truncated, true},         {"oversized", oversized, false},
-      {"too deep", tooDeepFrame(), false},    {"wrong magic", wrongMagic, false},
-      {"wrong version", wrongVersion, false}, {"invalid UTF-8", badUtf8, false},
+      {"truncated", truncated, true},
+      {"oversized", oversized, false},
+      {"too deep", tooDeepFrame(), false},
+      {"wrong magic", wrongMagic, false},
+      {"wrong version", wrongVersion, false},
+      {"invalid UTF-8", badUtf8, false},
       {"garbage", garbage, false},
   };
   std::size_t ended = 0;

@@ -1,14 +1,14 @@
 #include "ovix/Connection.h"
 
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <fstream>
 
+#include "ovix/ConnectionCore.h"
 #include "ovix/Listener.h"
 #include "ovix/TestSupport.h"
 
@@ -172,8 +172,8 @@ TEST_F(OvixConnection, TwoConnectionsAreServedConcurrently) {
 TEST_F(OvixConnection, ADepartingClientEndsItsConnectionWithExactlyOneInvalidEvent) {
   auto silent = EventRecorder::make();
   auto talking = EventRecorder::make();
-  auto recorders = std::make_shared<std::vector<std::shared_ptr<EventRecorder>>>(
-      std::vector{silent, talking});
+  auto recorders =
+      std::make_shared<std::vector<std::shared_ptr<EventRecorder>>>(std::vector{silent, talking});
   auto next = std::make_shared<std::atomic<std::size_t>>(0);
   auto released = std::make_shared<std::vector<std::weak_ptr<Connection>>>();
   listen("svc.bye", [=](const std::shared_ptr<Connection>& c) {
@@ -201,7 +201,8 @@ TEST_F(OvixConnection, ADepartingClientEndsItsConnectionWithExactlyOneInvalidEve
   std::this_thread::sleep_for(200ms);  // room for a wrong second event
 
   EXPECT_EQ(silent->events(), std::vector<Object>{errorConnectionInvalid()});
-  EXPECT_EQ(talking->events(), (std::vector<Object>{request("hello:", 1), errorConnectionInvalid()}));
+  EXPECT_EQ(talking->events(),
+            (std::vector<Object>{request("hello:", 1), errorConnectionInvalid()}));
   // After its last event the handler is let go, so the connection is too.
   {
     std::lock_guard lock(state_->mutex);
@@ -212,21 +213,46 @@ TEST_F(OvixConnection, ADepartingClientEndsItsConnectionWithExactlyOneInvalidEve
 }
 
 TEST_F(OvixConnection, SendingToAVanishedPeerNeitherRaisesSigpipeNorBlocks) {
+  // The handler is held up while the client floods and leaves, so reading
+  // pauses and the service cannot have noticed the end when it writes.
+  struct Gate {
+    std::mutex m;
+    std::condition_variable cv;
+    bool open = false;
+  };
+  auto gate = std::make_shared<Gate>();
   auto events = EventRecorder::make();
-  listen("svc.pipe", [events](const std::shared_ptr<Connection>& c) {
-    c->setEventHandler(events->handler());
+  listen("svc.pipe", [events, gate](const std::shared_ptr<Connection>& c) {
+    c->setEventHandler([events, gate](const Object& e) {
+      std::unique_lock lock(gate->m);
+      gate->cv.wait_for(lock, 5s, [&] { return gate->open; });
+      events->record(e);
+    });
     c->resume();
   });
   auto client = Connection::connect("svc.pipe");
   ASSERT_TRUE(client);
+  for (std::size_t i = 0; i < ConnectionCore::kMaxPendingFrames + 100; ++i) {
+    ASSERT_TRUE((*client)->send(request("flood", 1)));
+  }
+  (*client)->cancel();
+  auto end = (*client)->receive(5s);
+  ASSERT_TRUE(end && *end == errorConnectionInvalid()) << "the client has closed its end";
   auto server = acceptedAt(0);
   ASSERT_NE(server, nullptr);
-  (*client)->cancel();
+
   Object big = Object::makeDictionary();
   big.setData("Data", Bytes(256 * 1024, 7));
   // With SIGPIPE raised the test runner would die here.
-  for (int i = 0; i < 64; ++i) server->send(big);
+  for (int i = 0; i < 8; ++i) server->send(big);
+  {
+    std::lock_guard lock(gate->m);
+    gate->open = true;
+  }
+  gate->cv.notify_all();
   ASSERT_TRUE(events->waitFor(errorConnectionInvalid()));
+  EXPECT_EQ(events->events().size(), ConnectionCore::kMaxPendingFrames + 101)
+      << "every frame sent before the client left, then the end";
   EXPECT_FALSE(server->send(big)) << "a closed connection refuses sends";
   EXPECT_FALSE(server->send(Object::makeInt64(1)));
 }

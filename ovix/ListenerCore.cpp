@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <system_error>
 #include <thread>
 
 #include "ovix/Connection.h"
@@ -42,8 +43,14 @@ platform::Result<std::shared_ptr<ListenerCore>> ListenerCore::create(std::string
   auto core = std::make_shared<ListenerCore>(std::string(serviceName), path,
                                              std::move(lock.value()), std::move(sock.value()));
   if (!core->wake_.valid()) return platform::Error::posix(errno, "cannot create eventfd");
+  try {
+    std::thread(acceptLoop, core).detach();
+  } catch (const std::system_error& e) {
+    // Leaves nothing behind: the lock and socket close with the core.
+    ::unlink(path.c_str());
+    return platform::Error::posix(e.code().value(), "cannot start the accept thread");
+  }
   runtime.add(core);
-  std::thread(acceptLoop, core).detach();
   return core;
 }
 

@@ -1,12 +1,11 @@
 #include "ovix/Listener.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <fstream>
@@ -114,9 +113,14 @@ TEST_F(OvixListener, LeavesAFileThatIsNotASocketAlone) {
 }
 
 TEST_F(OvixListener, RefusesNamesThatAreNotOnePlainComponent) {
-  const std::vector<std::string> names = {"",           ".hidden",  "a/b",
-                                          "..",         "with space", "tab\tname",
-                                          std::string(200, 'x'), std::string("nul\0x", 5)};
+  const std::vector<std::string> names = {"",
+                                          ".hidden",
+                                          "a/b",
+                                          "..",
+                                          "with space",
+                                          "tab\tname",
+                                          std::string(200, 'x'),
+                                          std::string("nul\0x", 5)};
   for (const std::string& name : names) {
     auto l = Listener::create(name);
     ASSERT_FALSE(l) << name;

@@ -150,10 +150,10 @@ class Object {
   struct ArrayRep;
   struct DictionaryRep;
 
-  using Rep = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string,
-                           Bytes, Date, Uuid, std::unique_ptr<ArrayRep>,
-                           std::unique_ptr<DictionaryRep>, std::shared_ptr<Connection>,
-                           std::shared_ptr<const ErrorInfo>>;
+  using Rep =
+      std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string, Bytes,
+                   Date, Uuid, std::unique_ptr<ArrayRep>, std::unique_ptr<DictionaryRep>,
+                   std::shared_ptr<Connection>, std::shared_ptr<const ErrorInfo>>;
 
   explicit Object(Rep rep);
   static Rep copyRep(const Rep& rep);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <system_error>
 #include <thread>
 
 #include "ovix/ConnectionCore.h"
@@ -17,8 +18,15 @@ namespace {
 std::atomic<Runtime*> gRuntime{nullptr};
 
 // A forked child has none of the parent's threads; it starts from a fresh
-// runtime (the old one is left as it was, its lock possibly held).
-void resetInChild() { gRuntime.store(new Runtime); }
+// runtime (the old one is left as it was, its lock possibly held), and with
+// no thread taking SIGTERM, SIGTERM gets its usual effect back.
+void resetInChild() {
+  gRuntime.store(new Runtime);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
 
 }  // namespace
 
@@ -34,12 +42,16 @@ Runtime& Runtime::instance() {
 void Runtime::watchTermination() {
   std::lock_guard lock(mutex_);
   if (watching_) return;
-  watching_ = true;
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGTERM);
   ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  std::thread(signalLoop, this).detach();
+  try {
+    std::thread(signalLoop, this).detach();
+    watching_ = true;
+  } catch (const std::system_error&) {
+    // The next listener tries again; until then SIGTERM stays pending.
+  }
 }
 
 void Runtime::add(const std::shared_ptr<ListenerCore>& listener) {

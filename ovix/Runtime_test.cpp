@@ -2,11 +2,10 @@
 // keep the usual meaning of SIGTERM.
 #include "ovix/Runtime.h"
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -107,6 +106,24 @@ TEST_F(OvixTermination, WithNobodyLeftToTellSigtermEndsTheProcessAsUsual) {
   const int status = child.waitStatus();
   ASSERT_TRUE(WIFSIGNALED(status)) << status;
   EXPECT_EQ(WTERMSIG(status), SIGTERM);
+}
+
+TEST_F(OvixTermination, AChildForkedByAServiceDiesOfSigtermAsUsual) {
+  // A service's children (helpers it forks) must not inherit a SIGTERM
+  // nobody takes.
+  ChildProcess service([] {
+    auto l = Listener::create("svc.parent");
+    if (!l) return 50;
+    ChildProcess helper([] {
+      ::pause();
+      return 0;
+    });
+    std::this_thread::sleep_for(50ms);
+    ::kill(helper.pid(), SIGTERM);
+    const int status = helper.waitStatus(5s);
+    return status >= 0 && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM ? 0 : 51;
+  });
+  EXPECT_EQ(service.wait(), 0);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "ovix/SerialQueue.h"
 
+#include <system_error>
 #include <thread>
 
 namespace ovix {
@@ -18,6 +19,7 @@ bool SerialQueue::post(Task task) {
   std::lock_guard lock(mutex_);
   if (closed_) return false;
   tasks_.push_back(std::move(task));
+  if (resumed_ && !threadStarted_) startThreadLocked();
   cv_.notify_one();
   return true;
 }
@@ -27,9 +29,16 @@ void SerialQueue::resume() {
   if (resumed_) return;
   resumed_ = true;
   // The thread is made on first resume, so a queue nobody resumes costs none.
-  if (!threadStarted_) {
-    threadStarted_ = true;
+  startThreadLocked();
+}
+
+void SerialQueue::startThreadLocked() {
+  if (threadStarted_) return;
+  try {
     std::thread(run, self_.lock()).detach();
+    threadStarted_ = true;
+  } catch (const std::system_error&) {
+    // Out of threads for now; the next post tries again.
   }
 }
 

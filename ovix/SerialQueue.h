@@ -34,6 +34,7 @@ class SerialQueue {
 
  private:
   static void run(std::shared_ptr<SerialQueue> self);
+  void startThreadLocked();
 
   mutable std::mutex mutex_;
   std::condition_variable cv_;

@@ -120,7 +120,6 @@ platform::AuditToken peerToken(int fd, UniqueFd& pidfd) {
     // died in between; later checks against the pidfd catch that.
     if (token.pid > 0) {
       pfd = static_cast<int>(::syscall(SYS_pidfd_open, token.pid, 0));
-      if (pfd >= 0) ::fcntl(pfd, F_SETFD, FD_CLOEXEC);
     }
   }
   pidfd.reset(pfd >= 0 ? pfd : -1);

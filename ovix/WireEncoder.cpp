@@ -77,7 +77,8 @@ class Encoder {
         if (!enter(depth + 1)) return false;
         tag(Tag::Array);
         put32(static_cast<std::uint32_t>(v.count()));
-        return v.applyArray([&](std::size_t, const Object& item) { return value_(item, depth + 1); });
+        return v.applyArray(
+            [&](std::size_t, const Object& item) { return value_(item, depth + 1); });
       case Type::Dictionary:
         tag(Tag::Dictionary);
         return dictionaryBody(v, depth + 1);
@@ -117,8 +118,8 @@ class Encoder {
 bool encodeFrame(const Object& message, Bytes& frame, std::string* error) {
   frame.clear();
   if (!message.isDictionary()) {
-    if (error) *error = std::string("a message must be a dictionary, not a ") +
-                        typeName(message.type());
+    if (error)
+      *error = std::string("a message must be a dictionary, not a ") + typeName(message.type());
     return false;
   }
   frame.resize(kHeaderSize);

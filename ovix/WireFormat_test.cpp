@@ -89,10 +89,10 @@ TEST(OvixWireLayout, MatchesTheDocumentedBytes) {
   Object m = Object::makeDictionary();
   m.setBool("a", true);
   m.setInt64("n", -2);
-  const Bytes expected = {'O', 'V', 'X', 'F', 0x01, 0x00, 0x00, 0x00, 0x19, 0x00, 0x00, 0x00,
-                          0x02, 0x00, 0x00, 0x00,                          // two entries
-                          0x01, 0x00, 0x00, 0x00, 'a', 0x01, 0x01,          // "a": true
-                          0x01, 0x00, 0x00, 0x00, 'n', 0x02,                // "n": int64
+  const Bytes expected = {'O',  'V',  'X',  'F',  0x01, 0x00, 0x00, 0x00,
+                          0x19, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,   // two entries
+                          0x01, 0x00, 0x00, 0x00, 'a',  0x01, 0x01,         // "a": true
+                          0x01, 0x00, 0x00, 0x00, 'n',  0x02,               // "n": int64
                           0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};  // -2
   EXPECT_EQ(encode(m), expected);
 }
@@ -130,9 +130,8 @@ TEST(OvixWireDecode, RefusesBrokenHeaders) {
   EXPECT_NE(decodeError(reserved).find("reserved"), std::string::npos);
   // 16 MiB + 1 is refused from the header alone, before any payload.
   Bytes oversized = {'O', 'V', 'X', 'F', 1, 0, 0, 0, 0x01, 0x00, 0x00, 0x01};
-  EXPECT_FALSE(decodeHeader(std::span<const std::uint8_t, kHeaderSize>(oversized.data(),
-                                                                       kHeaderSize))
-                   .ok);
+  EXPECT_FALSE(
+      decodeHeader(std::span<const std::uint8_t, kHeaderSize>(oversized.data(), kHeaderSize)).ok);
   Bytes limit = {'O', 'V', 'X', 'F', 1, 0, 0, 0, 0x00, 0x00, 0x00, 0x01};
   EXPECT_TRUE(
       decodeHeader(std::span<const std::uint8_t, kHeaderSize>(limit.data(), kHeaderSize)).ok);
@@ -169,8 +168,8 @@ TEST(OvixWireDecode, RefusesHostileContents) {
   cases.push_back({"unknown tag", Payload().u32(1).str("a").u8(0x0B)});
   cases.push_back({"boolean 2", Payload().u32(1).str("a").u8(tag(Tag::Bool)).u8(2)});
   cases.push_back({"short uuid", Payload().u32(1).str("a").u8(tag(Tag::Uuid)).u32(0)});
-  cases.push_back({"duplicate key",
-                   Payload().u32(2).str("a").u8(tag(Tag::Null)).str("a").u8(tag(Tag::Null))});
+  cases.push_back(
+      {"duplicate key", Payload().u32(2).str("a").u8(tag(Tag::Null)).str("a").u8(tag(Tag::Null))});
   cases.push_back({"overlong '/' in key", Payload().u32(1).str("\xC0\xAF").u8(tag(Tag::Null))});
   cases.push_back(
       {"surrogate in value", Payload().u32(1).str("a").u8(tag(Tag::String)).str("\xED\xA0\x80")});

@@ -89,7 +89,8 @@ class FileSystem {
   // Follows links, as the platform's existence test does.
   virtual bool exists(const std::string& path, bool* isDirectory = nullptr) = 0;
   virtual Status createDirectory(const std::string& path, bool withIntermediates) = 0;
-  // Creates or replaces a file holding contents.
+  // Creates or replaces a file holding contents, in one step: readers see
+  // the old contents or the new, never a mix, even after a crash.
   virtual Status createFile(const std::string& path, std::span<const std::uint8_t> contents) = 0;
   // Removes a file, link or whole tree.
   virtual Status removeItem(const std::string& path) = 0;
@@ -97,6 +98,8 @@ class FileSystem {
   virtual Result<std::vector<std::string>> contentsOfDirectory(const std::string& path) = 0;
   // The attribute dictionary of the item itself (links not followed).
   virtual Result<Dictionary> attributesOfItem(const std::string& path) = 0;
+  // Its "FileSize" attribute alone, for walks that add up thousands of them.
+  virtual Result<std::uint64_t> sizeOfItem(const std::string& path) = 0;
 
   // Applies the settable keys of the attribute dictionary to the item itself
   // (see docs/file-attributes.md); keys outside that set are ignored.
@@ -119,8 +122,7 @@ class FileSystem {
   // NUL-terminated names in the file system's order.
   virtual Result<std::size_t> listExtendedAttributes(const std::string& path,
                                                      std::span<std::uint8_t> buffer) = 0;
-  virtual Result<std::size_t> getExtendedAttribute(const std::string& path,
-                                                   const std::string& name,
+  virtual Result<std::size_t> getExtendedAttribute(const std::string& path, const std::string& name,
                                                    std::span<std::uint8_t> buffer) = 0;
   virtual Status setExtendedAttribute(const std::string& path, const std::string& name,
                                       std::span<const std::uint8_t> value) = 0;

@@ -132,21 +132,21 @@ Result<SealedTable> sealTable(std::span<const std::uint8_t> blocks1and2, std::ui
   return sealed;
 }
 
-Result<DiskImage> buildDisk(const DiskSpec& spec) {
-  const std::uint32_t bs = spec.blockSize;
+Result<DiskImage> buildDisk(const DiskLayout& layout) {
+  const std::uint32_t bs = layout.blockSize;
   if (bs < 512 || (bs & (bs - 1)) != 0) return invalid("block size is not a power of two");
-  if (spec.partitions.empty() || spec.partitions.size() > kMaxEntries) {
+  if (layout.partitions.empty() || layout.partitions.size() > kMaxEntries) {
     return invalid("between 1 and 8 partitions are needed");
   }
-  if (spec.blockCount < kFirstUsable + 3) return invalid("disk too small");
+  if (layout.blockCount < kFirstUsable + 3) return invalid("disk too small");
   DiskImage image;
   image.firstUsableLba = kFirstUsable;
-  image.lastUsableLba = spec.blockCount - 3;  // backup entries and header follow
+  image.lastUsableLba = layout.blockCount - 3;  // backup entries and header follow
 
   const std::uint64_t usable = image.lastUsableLba - image.firstUsableLba + 1;
   std::uint64_t fixed = 0;
   int fillers = 0;
-  for (const auto& p : spec.partitions) {
+  for (const auto& p : layout.partitions) {
     if (p.blocks == 0) ++fillers;
     if (p.blocks > usable || fixed + p.blocks > usable) return invalid("partitions do not fit");
     fixed += p.blocks;
@@ -164,12 +164,12 @@ Result<DiskImage> buildDisk(const DiskSpec& spec) {
   store64(header + kLastUsableLba, image.lastUsableLba);
   auto diskGuid = randomUuid();
   std::copy(diskGuid.begin(), diskGuid.end(), header + kDiskGuid);
-  store32(header + kEntryCount, static_cast<std::uint32_t>(spec.partitions.size()));
+  store32(header + kEntryCount, static_cast<std::uint32_t>(layout.partitions.size()));
   store32(header + kEntrySizeField, kEntrySize);
 
   std::uint64_t next = image.firstUsableLba;
-  for (std::size_t i = 0; i < spec.partitions.size(); ++i) {
-    const auto& p = spec.partitions[i];
+  for (std::size_t i = 0; i < layout.partitions.size(); ++i) {
+    const auto& p = layout.partitions[i];
     std::uint64_t blocks = p.blocks ? p.blocks : usable - fixed;
     std::uint8_t* e = entries + i * kEntrySize;
     std::copy(kMarlPartitionType.begin(), kMarlPartitionType.end(), e + kTypeGuid);
@@ -182,9 +182,9 @@ Result<DiskImage> buildDisk(const DiskSpec& spec) {
     next += blocks;
   }
 
-  auto sealed = sealTable(table, bs, spec.blockCount);
+  auto sealed = sealTable(table, bs, layout.blockCount);
   if (!sealed) return sealed.error();
-  image.writes.push_back({0, protectiveMbr(bs, spec.blockCount)});
+  image.writes.push_back({0, protectiveMbr(bs, layout.blockCount)});
   image.writes.push_back({std::uint64_t(bs), std::move(sealed->primary)});
   for (auto& w : sealed->backup) image.writes.push_back(std::move(w));
   return image;

@@ -91,7 +91,7 @@ struct PartitionSpec {
   std::uint64_t blocks = 0;  // 0: fill what the others leave (one partition at most)
 };
 
-struct DiskSpec {
+struct DiskLayout {
   std::uint32_t blockSize = kBlockSize;
   std::uint64_t blockCount = 0;
   std::vector<PartitionSpec> partitions;  // in table order, back to back
@@ -112,6 +112,6 @@ struct DiskImage {
 
 // Lays the partitions out from the first usable block, the way the volume
 // manager packs them, and produces every block of the partition table.
-Result<DiskImage> buildDisk(const DiskSpec& spec);
+Result<DiskImage> buildDisk(const DiskLayout& layout);
 
 }  // namespace platform::gpt

@@ -37,10 +37,10 @@ TEST(GptDisk, Crc32IsTheStandardOne) {
 }
 
 TEST(GptDisk, BuildsTheVolumeManagersLayout) {
-  DiskSpec spec;
-  spec.blockCount = 1024;
-  spec.partitions = {{"System", 100}, {"Data", 0}, {"Update", 100}};
-  auto image = buildDisk(spec);
+  DiskLayout layout;
+  layout.blockCount = 1024;
+  layout.partitions = {{"System", 100}, {"Data", 0}, {"Update", 100}};
+  auto image = buildDisk(layout);
   ASSERT_TRUE(image.ok());
   const Data disk = assemble(*image, 1024);
 
@@ -73,10 +73,10 @@ TEST(GptDisk, BuildsTheVolumeManagersLayout) {
 }
 
 TEST(GptDisk, SealingRepairsStaleChecksumsAndRewritesTheBackup) {
-  DiskSpec spec;
-  spec.blockCount = 1024;
-  spec.partitions = {{"System", 100}, {"Data", 0}};
-  auto image = buildDisk(spec);
+  DiskLayout layout;
+  layout.blockCount = 1024;
+  layout.partitions = {{"System", 100}, {"Data", 0}};
+  auto image = buildDisk(layout);
   ASSERT_TRUE(image.ok());
   Data disk = assemble(*image, 1024);
 

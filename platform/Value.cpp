@@ -256,34 +256,52 @@ Dictionary::Dictionary(std::initializer_list<Entry> entries) {
   for (const auto& e : entries) set(e.first, e.second);
 }
 
+std::ptrdiff_t Dictionary::position(std::string_view key) const {
+  if (index_.empty()) {
+    for (std::size_t i = 0; i < entries_.size(); ++i)
+      if (entries_[i].first == key) return static_cast<std::ptrdiff_t>(i);
+    return -1;
+  }
+  auto it = index_.find(key);
+  return it == index_.end() ? -1 : static_cast<std::ptrdiff_t>(it->second);
+}
+
 const Value* Dictionary::find(std::string_view key) const {
-  auto it = index_.find(std::string(key));
-  return it == index_.end() ? nullptr : &entries_[it->second].second;
+  std::ptrdiff_t pos = position(key);
+  return pos < 0 ? nullptr : &entries_[static_cast<std::size_t>(pos)].second;
 }
 
 Value* Dictionary::find(std::string_view key) {
-  auto it = index_.find(std::string(key));
-  return it == index_.end() ? nullptr : &entries_[it->second].second;
+  std::ptrdiff_t pos = position(key);
+  return pos < 0 ? nullptr : &entries_[static_cast<std::size_t>(pos)].second;
 }
 
 void Dictionary::set(std::string key, Value value) {
-  auto it = index_.find(key);
-  if (it != index_.end()) {
-    entries_[it->second].second = std::move(value);
+  std::ptrdiff_t pos = position(key);
+  if (pos >= 0) {
+    entries_[static_cast<std::size_t>(pos)].second = std::move(value);
     return;
   }
-  index_.emplace(key, entries_.size());
   entries_.emplace_back(std::move(key), std::move(value));
+  if (!index_.empty()) {
+    index_.emplace(entries_.back().first, entries_.size() - 1);
+  } else if (entries_.size() >= kIndexedFrom) {
+    for (std::size_t i = 0; i < entries_.size(); ++i) index_.emplace(entries_[i].first, i);
+  }
 }
 
 bool Dictionary::erase(std::string_view key) {
-  auto it = index_.find(std::string(key));
-  if (it == index_.end()) return false;
-  std::size_t pos = it->second;
-  entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(pos));
-  index_.erase(it);
-  for (auto& [k, i] : index_)
-    if (i > pos) --i;
+  std::ptrdiff_t pos = position(key);
+  if (pos < 0) return false;
+  // The key may view this very entry's text: drop it from the index first.
+  if (!index_.empty()) index_.erase(index_.find(key));
+  entries_.erase(entries_.begin() + pos);
+  if (entries_.size() < kIndexedFrom) {
+    index_.clear();
+  } else {
+    for (auto& [k, i] : index_)
+      if (i > static_cast<std::size_t>(pos)) --i;
+  }
   return true;
 }
 

@@ -140,8 +140,17 @@ class Dictionary {
   friend bool operator==(const Dictionary& a, const Dictionary& b);
 
  private:
+  // Most dictionaries are small (attribute dictionaries, records): they are
+  // searched by scanning, and only a large one keeps an index by key.
+  static constexpr std::size_t kIndexedFrom = 17;
+  struct KeyHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+  };
+  std::ptrdiff_t position(std::string_view key) const;
+
   std::vector<Entry> entries_;
-  std::unordered_map<std::string, std::size_t> index_;
+  std::unordered_map<std::string, std::size_t, KeyHash, std::equal_to<>> index_;
 };
 
 }  // namespace platform

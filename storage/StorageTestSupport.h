@@ -44,10 +44,10 @@ class DiskTest : public ::testing::Test {
 
   void makeDisk(const std::vector<platform::gpt::PartitionSpec>& partitions) {
     std::fill(volumes.disk.begin(), volumes.disk.end(), 0);
-    platform::gpt::DiskSpec spec;
-    spec.blockCount = kBlocks;
-    spec.partitions = partitions;
-    auto image = platform::gpt::buildDisk(spec);
+    platform::gpt::DiskLayout layout;
+    layout.blockCount = kBlocks;
+    layout.partitions = partitions;
+    auto image = platform::gpt::buildDisk(layout);
     ASSERT_TRUE(image.ok()) << image.error().description;
     for (const auto& w : image->writes) {
       std::copy(w.bytes.begin(), w.bytes.end(), volumes.disk.begin() + w.offset);

@@ -145,12 +145,12 @@ int main(int argc, char** argv) {
     return fail(target + " is neither an image file nor a block device");
   }
 
-  platform::gpt::DiskSpec spec;
-  spec.blockCount = bytes / platform::gpt::kBlockSize;
-  if (*system) spec.partitions.push_back({"System", toBlocks(*system)});
-  if (!data || *data) spec.partitions.push_back({"Data", data ? toBlocks(*data) : 0});
-  if (*update) spec.partitions.push_back({"Update", toBlocks(*update)});
-  auto image = platform::gpt::buildDisk(spec);
+  platform::gpt::DiskLayout layout;
+  layout.blockCount = bytes / platform::gpt::kBlockSize;
+  if (*system) layout.partitions.push_back({"System", toBlocks(*system)});
+  if (!data || *data) layout.partitions.push_back({"Data", data ? toBlocks(*data) : 0});
+  if (*update) layout.partitions.push_back({"Update", toBlocks(*update)});
+  auto image = platform::gpt::buildDisk(layout);
   if (!image) return fail(target + ": " + image.error().description);
 
   for (const auto& w : image->writes) {

@@ -3,6 +3,7 @@
 
 #include "logging/QLXHLog.h"
 #include "logging/QLXLogModel.h"
+#include "manifest/QLXProgressUpdater.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxDeviceProperties.h"
@@ -13,6 +14,7 @@
 #include "platform/linux/LinuxTrustService.h"
 #include "platform/linux/LinuxVolumeLayer.h"
 #include "platform/linux/OpenSslDigestService.h"
+#include "vexd_helper/QLXHMessageResponder.h"
 #include "vexd_helper/QLXHService.h"
 
 namespace {
@@ -29,6 +31,8 @@ void installLinuxPlatform() {
   p.deviceProperties = new platform::LinuxDeviceProperties();
   p.trust = new platform::LinuxTrustService();
   p.digests = new platform::OpenSslDigestService();
+  QLXProgressUpdater::sharedInstance().setSender(
+      [](std::int64_t percent) { QLXHMessageResponder::sharedInstance().sendProgress(percent); });
 }
 
 }  // namespace

@@ -73,19 +73,15 @@ std::optional<std::string> LinuxAccountNames::groupName(std::uint32_t gid) {
 }
 
 std::optional<std::uint32_t> LinuxAccountNames::userID(const std::string& name) {
-  return lookupRecord<passwd>(
-      [&](passwd* r, char* b, std::size_t n, passwd** f) {
-        return ::getpwnam_r(name.c_str(), r, b, n, f);
-      },
-      [](passwd& r) { return static_cast<std::uint32_t>(r.pw_uid); });
+  return lookupRecord<passwd>([&](passwd* r, char* b, std::size_t n,
+                                  passwd** f) { return ::getpwnam_r(name.c_str(), r, b, n, f); },
+                              [](passwd& r) { return static_cast<std::uint32_t>(r.pw_uid); });
 }
 
 std::optional<std::uint32_t> LinuxAccountNames::groupID(const std::string& name) {
-  return lookupRecord<group>(
-      [&](group* r, char* b, std::size_t n, group** f) {
-        return ::getgrnam_r(name.c_str(), r, b, n, f);
-      },
-      [](group& r) { return static_cast<std::uint32_t>(r.gr_gid); });
+  return lookupRecord<group>([&](group* r, char* b, std::size_t n,
+                                 group** f) { return ::getgrnam_r(name.c_str(), r, b, n, f); },
+                             [](group& r) { return static_cast<std::uint32_t>(r.gr_gid); });
 }
 
 }  // namespace platform

@@ -1,11 +1,10 @@
 #include "platform/linux/LinuxDirectoryEnumerator.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-
-#include <gtest/gtest.h>
 
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/testing/TempDirectory.h"
@@ -54,10 +53,10 @@ TEST_F(LinuxDirectoryEnumeratorTest, FoldersComeBeforeTheirContentsInNameOrder) 
   ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
 
   auto e = fs.enumeratorAtPath(dir.path(), record);
-  EXPECT_EQ(walk(*e, dir.path()),
-            (std::vector<std::string>{"/.hidden:r--", "/B:r--", "/a:r--", "/b:-d-", "/b/a:-d-",
-                                      "/b/a/deep:r--", "/b/z:r--", "/c:-d-", "/fifo:---",
-                                      "/link:--l"}));
+  EXPECT_EQ(
+      walk(*e, dir.path()),
+      (std::vector<std::string>{"/.hidden:r--", "/B:r--", "/a:r--", "/b:-d-", "/b/a:-d-",
+                                "/b/a/deep:r--", "/b/z:r--", "/c:-d-", "/fifo:---", "/link:--l"}));
   EXPECT_FALSE(e->nextPath());
   EXPECT_TRUE(errors.empty());
 
@@ -100,9 +99,8 @@ TEST_F(LinuxDirectoryEnumeratorTest, AFolderThatCannotBeOpenedGoesToTheErrorHand
   // A handler that answers NO ends the walk there.
   dir.write("x/gone/f", "");
   dir.write("x/later", "");
-  auto stop = fs.enumeratorAtPath(dir / "x", [](const std::string&, const Error&) {
-    return false;
-  });
+  auto stop =
+      fs.enumeratorAtPath(dir / "x", [](const std::string&, const Error&) { return false; });
   EXPECT_EQ(*stop->nextPath(), dir / "x/gone");
   std::filesystem::remove_all(dir / "x/gone");
   EXPECT_FALSE(stop->nextPath());

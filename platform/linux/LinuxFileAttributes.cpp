@@ -82,8 +82,8 @@ bool readID(const Value& v, std::uint32_t* id) {
 
 Result<Dictionary> LinuxFileSystem::attributesOfItem(const std::string& path) {
   struct statx sx {};
-  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME,
-              &sx) != 0)
+  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) !=
+      0)
     return posixError(errno, path);
   Dictionary d;
   d.set(attr::kFileType, fileTypeName(sx.stx_mode));
@@ -105,6 +105,13 @@ Result<Dictionary> LinuxFileSystem::attributesOfItem(const std::string& path) {
     d.set(attr::kDeviceIdentifier,
           static_cast<std::uint64_t>(makedev(sx.stx_rdev_major, sx.stx_rdev_minor)));
   return d;
+}
+
+Result<std::uint64_t> LinuxFileSystem::sizeOfItem(const std::string& path) {
+  struct statx sx {};
+  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_SIZE, &sx) != 0)
+    return posixError(errno, path);
+  return static_cast<std::uint64_t>(sx.stx_size);
 }
 
 Status LinuxFileSystem::setAttributes(const Dictionary& attributes, const std::string& path) {

@@ -1,12 +1,11 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <sstream>
-
-#include <gtest/gtest.h>
 
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/testing/TempDirectory.h"
@@ -45,7 +44,8 @@ TEST(LinuxFileMoveTest, RenameNeverReplacesWhatIsThere) {
 }
 
 TEST(LinuxFileMoveTest, AcrossFileSystemsTheTreeArrivesWholeAndTheOriginalGoes) {
-  struct stat shm {}, tmp {};
+  struct stat shm {
+  }, tmp{};
   if (::stat("/dev/shm", &shm) != 0 || ::stat("/tmp", &tmp) != 0 || shm.st_dev == tmp.st_dev)
     GTEST_SKIP() << "needs /dev/shm on a file system of its own";
   LinuxFileSystem fs;

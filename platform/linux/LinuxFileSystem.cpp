@@ -6,6 +6,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <stdlib.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -51,18 +53,31 @@ Status LinuxFileSystem::createDirectory(const std::string& path, bool withInterm
 
 Status LinuxFileSystem::createFile(const std::string& path,
                                    std::span<const std::uint8_t> contents) {
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
+  // Written beside the target and renamed over it, so a reader (or a crash)
+  // sees either the old file whole or the new one whole, never a part.
+  std::size_t slash = path.find_last_of('/');
+  std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  std::string temp = folder + "." + name + ".XXXXXX";
+  UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
   if (!fd.valid()) return posixError(errno, path);
+  auto fail = [&](int err) {
+    ::unlink(temp.c_str());
+    return posixError(err, path);
+  };
+  if (::fchmod(fd.get(), 0644) != 0) return fail(errno);
   std::size_t done = 0;
   while (done < contents.size()) {
     ssize_t n = ::write(fd.get(), contents.data() + done, contents.size() - done);
     if (n < 0) {
       if (errno == EINTR) continue;
-      return posixError(errno, path);
+      return fail(errno);
     }
     done += static_cast<std::size_t>(n);
   }
-  if (::close(fd.release()) != 0) return posixError(errno, path);
+  if (::fsync(fd.get()) != 0) return fail(errno);
+  if (::close(fd.release()) != 0) return fail(errno);
+  if (::rename(temp.c_str(), path.c_str()) != 0) return fail(errno);
   return {};
 }
 
@@ -153,8 +168,7 @@ Result<std::string> LinuxFileSystem::destinationOfSymbolicLink(const std::string
   }
 }
 
-Status LinuxFileSystem::lchown(const std::string& path, std::uint32_t owner,
-                               std::uint32_t group) {
+Status LinuxFileSystem::lchown(const std::string& path, std::uint32_t owner, std::uint32_t group) {
   if (::lchown(path.c_str(), owner, group) != 0) return posixError(errno, path);
   return {};
 }

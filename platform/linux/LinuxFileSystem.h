@@ -16,6 +16,7 @@ class LinuxFileSystem : public FileSystem {
   Status removeItem(const std::string& path) override;
   Result<std::vector<std::string>> contentsOfDirectory(const std::string& path) override;
   Result<Dictionary> attributesOfItem(const std::string& path) override;
+  Result<std::uint64_t> sizeOfItem(const std::string& path) override;
 
   Status setAttributes(const Dictionary& attributes, const std::string& path) override;
   Result<bool> resourceValue(const std::string& path, ResourceKey key) override;

@@ -26,8 +26,7 @@ Result<std::unique_ptr<ReadableFile>> LinuxFileSystem::openForReading(const std:
   struct stat st {};
   if (::fstat(fd.get(), &st) != 0) return posixError(errno, path);
   if (!S_ISREG(st.st_mode)) return posixError(S_ISDIR(st.st_mode) ? EISDIR : EINVAL, path);
-  int flags = ::fcntl(fd.get(), F_GETFL);
-  if (flags >= 0) ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK);
+  // O_NONBLOCK stays: it changes nothing for a regular file.
   // Read once, front to back: larger read-ahead, and the pages go back to
   // the kernel first under pressure instead of pushing out what the rest of
   // the device has cached. Advice only; a refusal changes nothing.

@@ -36,10 +36,10 @@ class ImageFile : public ::testing::Test {
     ASSERT_NE(::mkdtemp(dir), nullptr);
     folder = dir;
     path = folder + "/disk.img";
-    gpt::DiskSpec spec;
-    spec.blockCount = 256;
-    spec.partitions = {{"System", 10}, {"Data", 0}, {"Update", 10}};
-    auto image = gpt::buildDisk(spec);
+    gpt::DiskLayout layout;
+    layout.blockCount = 256;
+    layout.partitions = {{"System", 10}, {"Data", 0}, {"Update", 10}};
+    auto image = gpt::buildDisk(layout);
     ASSERT_TRUE(image.ok());
     disk.assign(256 * 4096, 0);
     for (const auto& w : image->writes)

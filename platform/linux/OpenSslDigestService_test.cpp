@@ -1,27 +1,18 @@
 #include "platform/linux/OpenSslDigestService.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <string>
 
-#include <gtest/gtest.h>
-
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/testing/Commands.h"
 #include "platform/testing/TempDirectory.h"
 
 namespace platform {
 namespace {
 
-std::string hex(const Data& d) {
-  std::string out;
-  char buf[3];
-  for (auto b : d) {
-    std::snprintf(buf, sizeof buf, "%02x", b);
-    out += buf;
-  }
-  return out;
-}
+using testing::hex;
 
 std::span<const std::uint8_t> bytes(const std::string& s) {
   return {reinterpret_cast<const std::uint8_t*>(s.data()), s.size()};

@@ -3,6 +3,8 @@
 // its dates count from 2001; the conversions below keep our types exact.
 #include "platform/PropertyList.h"
 
+#include "platform/BinaryPropertyListWriter.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -252,15 +254,48 @@ Result<Value> readPropertyListFile(const std::string& path) {
   return parsed;
 }
 
+namespace {
+
+// The same refusals as the XML writer, without building a libplist tree.
+Status checkWritable(const Value& v, int depth) {
+  switch (v.type()) {
+    case Value::Type::Null:
+      return plistError(kUnsupported, "property lists have no null value");
+    case Value::Type::String:
+      if (auto bad = checkText(*v.string(), "string")) return *bad;
+      return {};
+    case Value::Type::Date: {
+      double since2001 = v.date()->seconds - kEpoch2001;
+      if (!std::isfinite(since2001) || since2001 <= INT32_MIN || since2001 >= INT32_MAX)
+        return plistError(kUnsupported, "date is outside the range property lists can hold");
+      return {};
+    }
+    case Value::Type::Array:
+    case Value::Type::Dictionary:
+      if (depth >= kMaxPropertyListDepth)
+        return plistError(kTooDeep, "property list is nested too deeply");
+      if (const Array* a = v.array()) {
+        for (const Value& item : *a)
+          if (Status s = checkWritable(item, depth + 1); !s) return s;
+        return {};
+      }
+      for (const auto& [key, item] : *v.dictionary()) {
+        if (auto bad = checkText(key, "dictionary key")) return *bad;
+        if (Status s = checkWritable(item, depth + 1); !s) return s;
+      }
+      return {};
+    default:
+      return {};
+  }
+}
+
+}  // namespace
+
 Result<Data> writeBinaryPropertyList(const Value& value) {
-  auto node = toNode(value, 0);
-  if (!node) return node.error();
-  PlistMalloced<char> out;
-  std::uint32_t length = 0;
-  plist_to_bin(node->get(), out.out(), &length);
-  if (!out.get()) return plistError(kUnsupported, "property list could not be serialised");
-  const auto* p = reinterpret_cast<const std::uint8_t*>(out.get());
-  return Data(p, p + length);
+  if (Status s = checkWritable(value, 0); !s) return s.error();
+  // Our own encoder: libplist's writer grows worse than linearly, and a full
+  // device manifest took it longer than hashing the files it describes.
+  return encodeBinaryPropertyList(value);
 }
 
 Result<std::string> writeXmlPropertyList(const Value& value) {

@@ -18,9 +18,7 @@ Status ForwardingFileSystem::createFile(const std::string& path,
                                         std::span<const std::uint8_t> contents) {
   return inner_.createFile(path, contents);
 }
-Status ForwardingFileSystem::removeItem(const std::string& path) {
-  return inner_.removeItem(path);
-}
+Status ForwardingFileSystem::removeItem(const std::string& path) { return inner_.removeItem(path); }
 Result<std::vector<std::string>> ForwardingFileSystem::contentsOfDirectory(
     const std::string& path) {
   return inner_.contentsOfDirectory(path);
@@ -28,8 +26,10 @@ Result<std::vector<std::string>> ForwardingFileSystem::contentsOfDirectory(
 Result<Dictionary> ForwardingFileSystem::attributesOfItem(const std::string& path) {
   return inner_.attributesOfItem(path);
 }
-Status ForwardingFileSystem::setAttributes(const Dictionary& attributes,
-                                           const std::string& path) {
+Result<std::uint64_t> ForwardingFileSystem::sizeOfItem(const std::string& path) {
+  return inner_.sizeOfItem(path);
+}
+Status ForwardingFileSystem::setAttributes(const Dictionary& attributes, const std::string& path) {
   return inner_.setAttributes(attributes, path);
 }
 Result<bool> ForwardingFileSystem::resourceValue(const std::string& path, ResourceKey key) {
@@ -52,8 +52,8 @@ Result<std::unique_ptr<ReadableFile>> ForwardingFileSystem::openForReading(
     const std::string& path) {
   return inner_.openForReading(path);
 }
-Result<std::size_t> ForwardingFileSystem::listExtendedAttributes(
-    const std::string& path, std::span<std::uint8_t> buffer) {
+Result<std::size_t> ForwardingFileSystem::listExtendedAttributes(const std::string& path,
+                                                                 std::span<std::uint8_t> buffer) {
   return inner_.listExtendedAttributes(path, buffer);
 }
 Result<std::size_t> ForwardingFileSystem::getExtendedAttribute(const std::string& path,
@@ -61,8 +61,7 @@ Result<std::size_t> ForwardingFileSystem::getExtendedAttribute(const std::string
                                                                std::span<std::uint8_t> buffer) {
   return inner_.getExtendedAttribute(path, name, buffer);
 }
-Status ForwardingFileSystem::setExtendedAttribute(const std::string& path,
-                                                  const std::string& name,
+Status ForwardingFileSystem::setExtendedAttribute(const std::string& path, const std::string& name,
                                                   std::span<const std::uint8_t> value) {
   return inner_.setExtendedAttribute(path, name, value);
 }

@@ -37,7 +37,6 @@ LogCapture::~LogCapture() {
   std::free(buffer_);
 }
 
-
 std::vector<std::string> LogCapture::messages() const {
   std::fflush(stream_);
   std::vector<std::string> out;

@@ -1,9 +1,9 @@
 #include "platform/testing/TempDirectory.h"
 
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -31,8 +31,7 @@ void clearImmutable(const std::filesystem::path& root) {
   clear(root);
   for (auto it = std::filesystem::recursive_directory_iterator(root, ec);
        !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-    if (it->is_regular_file(ec) || (it->is_directory(ec) && !it->is_symlink(ec)))
-      clear(it->path());
+    if (it->is_regular_file(ec) || (it->is_directory(ec) && !it->is_symlink(ec))) clear(it->path());
   }
 }
 

@@ -4,11 +4,12 @@ standard library only, for the device sandbox: the demo uses it where
 build/bin/qlx-sign-manifest is not built, and the system tests use it as a
 signer independent of the code under test.
 
-    signed_manifest.py --key KEY.pem --chain CHAIN.pem --root DIR [--owner NAME]
-                       [--mode OCTAL] [--xattr NAME=VALUE] -o OUT
+    signed_manifest.py [--key KEY.pem --chain CHAIN.pem | --payload-only]
+                       --root DIR [--owner NAME] [--mode OCTAL] [--xattr NAME=VALUE] -o OUT
 
 builds a payload whose "Backup" list records every object under DIR with the
-given owner, group, mode and extended attributes, and signs it.
+given owner, group, mode and extended attributes, and signs it (or, with
+--payload-only, writes the payload for another signer).
 """
 import argparse
 import datetime
@@ -108,14 +109,17 @@ def records_for_tree(root, owner, mode, xattrs):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--key", required=True)
-    parser.add_argument("--chain", required=True, help="PEM file, signer first")
+    parser.add_argument("--key")
+    parser.add_argument("--chain", help="PEM file, signer first")
+    parser.add_argument("--payload-only", action="store_true")
     parser.add_argument("--root", required=True)
     parser.add_argument("--owner", default="mobile")
     parser.add_argument("--mode", default="0644")
     parser.add_argument("--xattr", action="append", default=[], metavar="NAME=VALUE")
     parser.add_argument("-o", "--output", required=True)
     args = parser.parse_args()
+    if not args.payload_only and not (args.key and args.chain):
+        parser.error("--key and --chain are needed unless --payload-only is given")
     xattrs = {}
     for item in args.xattr:
         name, _, value = item.partition("=")
@@ -125,8 +129,8 @@ def main():
                                  "Created": datetime.datetime.now(datetime.timezone.utc)
                                  .replace(tzinfo=None, microsecond=0)})
     with open(args.output, "wb") as f:
-        f.write(envelope(body, args.key, args.chain))
-    print(f"signed {len(backup)} records into {args.output}")
+        f.write(body if args.payload_only else envelope(body, args.key, args.chain))
+    print(f"{'wrote' if args.payload_only else 'signed'} {len(backup)} records into {args.output}")
     return 0
 
 

@@ -68,7 +68,8 @@ def log_container_gives_only_daemon_logs_to_mobile(log):
         write(f"{path}/{name}", name)
     expect_pass(ctl("prepareLogContainer:", path, log=log))
     expect_equal(oct(mode_of(path)), oct(0o777), "mode of the log container")
-    expect_equal(owner_of(f"{path}/vexd-today.log"), ("mobile", "mobile"), "owner of vexd-today.log")
+    expect_equal(owner_of(f"{path}/vexd-today.log"), ("mobile", "mobile"),
+                 "owner of vexd-today.log")
     expect_equal(owner_of(f"{path}/other.log"), ("root", "root"), "owner of other.log")
     expect_equal(owner_of(f"{path}/x-vexd-1"), ("root", "root"), "owner of x-vexd-1")
     remove(path)

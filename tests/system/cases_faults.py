@@ -7,8 +7,8 @@ import os
 import plistlib
 import subprocess
 
-from harness import (DAEMON, DEVICE_MANIFEST, VEXDCTL, case, ctl, expect, expect_equal,
-                     expect_pass, prepare_work_container, remove, write)
+from harness import (DAEMON, DEVICE_MANIFEST, VEXDCTL, Failure, case, ctl, expect,
+                     expect_equal, expect_pass, prepare_work_container, remove, write)
 
 BULK = "/private/var/mobile/Media/Bulk"
 SMALL = "/private/var/mobile/Media/Small"
@@ -30,11 +30,11 @@ def make_small(tag):
         write(f"{SMALL}/file{i:02}-{tag}.txt", f"{tag} {i}\n" * 40)
 
 
-def previous_manifest():
+def previous_manifest(log):
     """A device manifest of the small tree, as a later failure must leave it."""
     prepare_work_container()
     make_small("before")
-    expect_pass(ctl("createDeviceManifest:", {"Path": SMALL, "Inclusive": True}))
+    expect_pass(ctl("createDeviceManifest:", {"Path": SMALL, "Inclusive": True}, log=log))
     with open(DEVICE_MANIFEST, "rb") as f:
         return f.read()
 
@@ -47,16 +47,19 @@ def expect_manifest_is(previous):
 
 
 def start_whole_walk():
-    return subprocess.Popen([VEXDCTL, "--timeout", "120", "createDeviceManifest:", json.dumps(WHOLE)],
+    return subprocess.Popen([VEXDCTL, "--timeout", "120", "createDeviceManifest:",
+                             json.dumps(WHOLE)],
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
 
 def wait_until_walking(log, client):
     def walking(message):
+        if message == "QLXHMessageResponder does not respond to createDeviceManifest:.":
+            raise Failure("this daemon does not serve createDeviceManifest: yet")
         return message.startswith("Percentage increased to ")
     try:
         log.wait_for(walking, 60, "progress of the whole-area walk")
-    except AssertionError:
+    except Failure:
         client.kill()
         client.communicate()
         raise
@@ -83,7 +86,7 @@ def client_killed_mid_walk_leaves_daemon_serving(log):
 @case("faults")
 def daemon_killed_mid_walk_leaves_previous_manifest(log):
     make_bulk()
-    previous = previous_manifest()
+    previous = previous_manifest(log)
     client = start_whole_walk()
     wait_until_walking(log, client)
     DAEMON.kill()
@@ -121,7 +124,7 @@ def fill(folder):
 @case("faults")
 def full_data_partition_answers_as_walk_did(log):
     remove(BULK)
-    previous = previous_manifest()
+    previous = previous_manifest(log)
     make_small("after")
     filler = fill("/private/var/mobile")
     try:

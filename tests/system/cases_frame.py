@@ -6,9 +6,9 @@ import shutil
 import socket
 import time
 
-from harness import (DAEMON, HELPER, LOG_FOLDER, SOCKET, VEXDCTL, WORK, case,
+from harness import (DAEMON, HELPER, LOG_FOLDER, SOCKET, VEXDCTL, WORK, Blob, case,
                      console_text, ctl, entering, expect, expect_equal, expect_pass,
-                     expect_silence, remove)
+                     expect_silence, frame, python_entitled, raw_exchange, remove)
 
 GRANTS = "/etc/ovix/entitlements.d"
 ENTITLEMENT = "com.velmor.private.quillex.quillexd"
@@ -117,8 +117,36 @@ def two_keys_get_two_replies_in_order(log):
 
 @case("frame")
 def empty_message_gets_no_reply(log):
-    expect_silence(ctl(message={}, timeout=2))
+    with python_entitled():
+        replies = raw_exchange(frame({}))
+    expect_equal(replies, [], "replies to an empty message")
+    log.wait_for(lambda m: m == "Message handled", 5, "the handled message")
     expect(DAEMON.running(), "the daemon stopped after an empty message")
+
+
+@case("frame")
+def unsupported_values_are_dropped_and_siblings_served(log):
+    target = "/private/var/frame-dropped"
+    os.makedirs(target, exist_ok=True)
+    message = {"prepareWorkContainer:": ["an array"], "removeWorkContainer:": target,
+               "writeNvram:": {"Name": Blob(b"data"), "Value": "x"}}
+    with python_entitled():
+        replies = raw_exchange(frame(message))
+    log.expect("The value for key prepareWorkContainer: has a type that is not supported yet")
+    log.expect("The value for key Name has a type that is not supported yet")
+    expect_equal(replies[:1], [{"Response": True}], "the reply to the surviving removal")
+    expect(not os.path.exists(target), "the key beside a dropped one was not served")
+    # The nested dictionary lost only its data value: the write had no name.
+    log.expect(entering("writeNvram:", {"Value": "x"}))
+
+
+@case("frame")
+def broken_frame_ends_only_its_connection(log):
+    with python_entitled():
+        expect_equal(raw_exchange(b"OVXG" + frame({})[4:]), [], "replies to a wrong magic")
+        expect_equal(raw_exchange(frame({"removeWorkContainer:": "/private/var/none"})),
+                     [{"Response": True}], "replies on a new connection after a broken one")
+    expect(DAEMON.running(), "the daemon stopped on a broken frame")
 
 
 @case("frame")

@@ -116,7 +116,8 @@ def envelope_and_payload_versions_are_checked(log):
     stage()
     sign(sm.payload(BACKUP), version=3)
     expect_fail(restore(log)[0])
-    log.expect(f"{METHOD.format('initWithNSStream:')}: signed manifest version 3 is not supported yet")
+    log.expect(f"{METHOD.format('initWithNSStream:')}: "
+               "signed manifest version 3 is not supported yet")
     sign(sm.payload(BACKUP, version=5))
     expect_fail(restore(log)[0])
     log.expect(f"{METHOD.format('initWithNSStream:')}: raw manifest version 5 is not supported.")

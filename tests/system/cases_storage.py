@@ -118,7 +118,8 @@ def expand_takes_every_block_the_others_leave(log):
     # Update follows Data, in the table and in the kernel's mapping.
     index, first, last = table.entries["Update"]
     expect_equal(first, table.entries["Data"][2] + 1, "Update's first block")
-    expect_equal(kernel_partition(index + 1), (first * table.block, (last - first + 1) * table.block),
+    expect_equal(kernel_partition(index + 1),
+                 (first * table.block, (last - first + 1) * table.block),
                  "the kernel's Update partition (start, size)")
     scrub = subprocess.run(["btrfs", "scrub", "start", "-B", "/private/var"],
                            capture_output=True, text=True)

@@ -57,35 +57,31 @@ def loop_backing():
     return backing
 
 
-def stale_partition_nodes():
-    return {n for n in os.listdir("/dev")
-            if n.startswith("loop") and "p" in n[4:] and not os.path.exists(f"/sys/class/block/{n}")}
-
-
 class HostState:
-    def __init__(self):
+    """The host as far as this run's devices could change it. Other devices
+    (other runs on the same machine) live in their own namespaces and their
+    own temporary folders, so they do not show here."""
+
+    def __init__(self, scratch):
         with open("/proc/self/mountinfo") as f:
             self.mounts = {" ".join(line.split()[4:5] + line.split(" - ")[1].split()[:2])
                            for line in f}
         self.loops = loop_backing()
         self.accounts = {p: digest(p) for p in ("/etc/passwd", "/etc/group", "/etc/shadow")}
         self.files = {p: listing(p) for p in WATCHED}
-        self.sandboxes = {n for n in os.listdir("/tmp") if n.startswith("vexd-sandbox.")}
-        self.nodes = stale_partition_nodes()
+        self.scratch = scratch
+        self.sandboxes = set(os.listdir(scratch))
         with open("/proc/1/stat") as f:
             stat = f.read()
         self.init = stat[stat.rindex(")") + 2:].split()[19]  # its start time
 
     def left_behind(self, before):
-        """What the device left on the host; other users of the machine may
-        mount and attach at the same time, so only the device's own traces and
-        the watched places count."""
         found = []
         for m in sorted(self.mounts - before.mounts):
             if "vexd-sandbox" in m or any(w in m.split()[0] for w in WATCHED):
                 found.append(f"new mount {m}")
         for name, backing in sorted(self.loops.items()):
-            if "vexd-sandbox" in backing:
+            if backing.startswith(self.scratch + "/"):
                 found.append(f"loop device /dev/{name} still holds {backing}")
         for path, value in self.accounts.items():
             if value != before.accounts[path]:
@@ -95,9 +91,7 @@ class HostState:
             if new:
                 found.append(f"new under {path}: {', '.join(sorted(new)[:5])}")
         for name in sorted(self.sandboxes - before.sandboxes):
-            found.append(f"/tmp/{name} was not removed")
-        for name in sorted(self.nodes - before.nodes):
-            found.append(f"stale device node /dev/{name}")
+            found.append(f"{self.scratch}/{name} was not removed")
         if self.init != before.init:
             found.append("the host's init process changed")
         return found
@@ -105,13 +99,17 @@ class HostState:
 
 # --- running devices ------------------------------------------------------------
 
+SCRATCH = None  # this run's folder for its devices' state
+
+
 def sandbox(build_dir, command, *options, console=None, timeout=GROUP_TIMEOUT):
     """Runs command on a fresh device; ends it with TERM (so it tears down) on timeout."""
     args = [SANDBOX, "--build-dir", build_dir, *options]
     if console:
         args += ["--console", console]
     proc = subprocess.Popen(args + ["--", *command], stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE, text=True)
+                            stderr=subprocess.PIPE, text=True,
+                            env=dict(os.environ, TMPDIR=SCRATCH))
     try:
         out, err = proc.communicate(timeout=timeout)
     except subprocess.TimeoutExpired:
@@ -216,7 +214,9 @@ def main():
         if not os.access(os.path.join(build_dir, "bin", binary), os.X_OK):
             print(f"note: {build_dir}/bin/{binary} is not built; its cases fail")
 
-    before = HostState()
+    global SCRATCH
+    SCRATCH = tempfile.mkdtemp(prefix="vexd-system.")
+    before = HostState(SCRATCH)
     results = Results()
     started = time.monotonic()
     with tempfile.NamedTemporaryFile(prefix="vexd-system-console.", suffix=".log") as console:
@@ -230,7 +230,9 @@ def main():
             if tail:
                 print("--- the daemon's console, last lines:")
                 print("\n".join(tail))
-    results.check(f"{args.group}.host_left_as_it_was", HostState().left_behind(before))
+    results.check(f"{args.group}.host_left_as_it_was", HostState(SCRATCH).left_behind(before))
+    if not os.listdir(SCRATCH):
+        os.rmdir(SCRATCH)
 
     print(f"({args.group}: {time.monotonic() - started:.1f} s"
           + (f", {results.skipped} skipped)" if results.skipped else ")"))

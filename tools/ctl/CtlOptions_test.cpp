@@ -50,7 +50,8 @@ TEST(VexdctlArguments, OptionsMayComeAnywhere) {
 }
 
 TEST(VexdctlArguments, AWholeMessageKeepsItsKeyOrder) {
-  CtlOptions o = parsed({"--message", R"({"removeWorkContainer:": true, "prepareWorkContainer:": true})"});
+  CtlOptions o =
+      parsed({"--message", R"({"removeWorkContainer:": true, "prepareWorkContainer:": true})"});
   std::vector<std::string> keys;
   o.request.apply([&](const std::string& k, const ovix::Object&) {
     keys.push_back(k);

@@ -20,14 +20,16 @@ std::string errorOf(const std::string& text) {
 }
 
 TEST(VexdctlJson, ObjectsKeepTheOrderTheirKeysWereWrittenIn) {
-  ovix::Object o = parse(R"({"prepareWorkContainer:": true, "createDeviceManifest:": {"b": 1, "a": 2}})");
+  ovix::Object o =
+      parse(R"({"prepareWorkContainer:": true, "createDeviceManifest:": {"b": 1, "a": 2}})");
   std::vector<std::string> keys;
   o.apply([&](const std::string& k, const ovix::Object&) {
     keys.push_back(k);
     return true;
   });
   EXPECT_EQ(keys, (std::vector<std::string>{"prepareWorkContainer:", "createDeviceManifest:"}));
-  EXPECT_EQ(toJson(o), R"({"prepareWorkContainer:": true, "createDeviceManifest:": {"b": 1, "a": 2}})");
+  EXPECT_EQ(toJson(o),
+            R"({"prepareWorkContainer:": true, "createDeviceManifest:": {"b": 1, "a": 2}})");
 }
 
 TEST(VexdctlJson, NumbersKeepTheirKind) {
@@ -74,9 +76,8 @@ TEST(VexdctlJson, WritesWhatJsonCannotSayAsText) {
   m.setString("s", std::string("q\"\x01", 3));
   m.setDouble("nan", std::numeric_limits<double>::quiet_NaN());
   m.setUuid("id", ovix::Uuid{0xde, 0xad, 0xbe, 0xef, 0, 1, 0, 2, 0, 3, 0, 4, 5, 6, 7, 8});
-  EXPECT_EQ(toJson(m),
-            R"({"Data": "00ab", "s": "q\"\u0001", "nan": null, )"
-            R"("id": "deadbeef-0001-0002-0003-000405060708"})");
+  EXPECT_EQ(toJson(m), R"({"Data": "00ab", "s": "q\"\u0001", "nan": null, )"
+                       R"("id": "deadbeef-0001-0002-0003-000405060708"})");
 }
 
 }  // namespace
