@@ -32,6 +32,16 @@ bool Value::boolValue() const {
       return std::get<std::uint64_t>(v_) != 0;
     case Type::Double:
       return std::get<double>(v_) != 0.0;
+    case Type::String: {
+      // As the platform's strings answer: after blanks, a sign and leading
+      // zeros, YES when the text starts with Y, y, T, t or a digit 1-9.
+      const std::string& s = std::get<std::string>(v_);
+      std::size_t i = 0;
+      while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i]))) ++i;
+      if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
+      while (i < s.size() && s[i] == '0') ++i;
+      return i < s.size() && std::string_view("YyTt123456789").find(s[i]) != std::string_view::npos;
+    }
     default:
       return false;
   }

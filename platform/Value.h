@@ -85,7 +85,8 @@ class Value {
   bool isNumber() const;
   bool isInteger() const { return type() == Type::Int64 || type() == Type::UInt64; }
 
-  // Number reads; a non-number reads as 0 / NO. true and 1 both read as YES.
+  // Number reads; a non-number reads as 0 / NO. true and 1 both read as YES,
+  // and so does a string such as "YES", "true" or "1" (its boolValue).
   bool boolValue() const;
   std::int64_t int64Value() const;
   std::uint64_t uint64Value() const;

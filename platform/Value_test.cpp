@@ -20,6 +20,13 @@ TEST(ValueTest, BooleanAndIntegerReadAlikeAsNumbers) {
   EXPECT_FALSE(Value(-1) == Value(std::uint64_t{UINT64_MAX}));
 }
 
+TEST(ValueTest, StringsAnswerBoolValueAsThePlatformsStringsDo) {
+  for (const char* yes : {"YES", "true", "T", "1", " +001", "9x"})
+    EXPECT_TRUE(Value(yes).boolValue()) << yes;
+  for (const char* no : {"NO", "false", "0", "", " -0", "x1"})
+    EXPECT_FALSE(Value(no).boolValue()) << no;
+}
+
 TEST(ValueTest, ConstCharIsAStringNotABoolean) {
   Value v("text");
   EXPECT_TRUE(v.isString());
