@@ -12,13 +12,13 @@
 #include "platform/FileSystem.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/testing/ForwardingFileSystem.h"
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/TempDirectory.h"
 #include "platform/testing/SettableClock.h"
 
 namespace {
 
 using platform::Date;
-using platform::testing::ScratchDir;
+using platform::testing::TempDirectory;
 
 // 2026-03-05 12:34:56.25 UTC.
 constexpr double kNow = 1772714096.25;
@@ -88,7 +88,7 @@ class LogModelTest : public ::testing::Test {
     return created && created->date() ? *created->date() : Date{-1};
   }
 
-  ScratchDir dir;
+  TempDirectory dir;
   std::string logs = dir / "logs";
   platform::LinuxFileSystem fs;
   DatedFileSystem dated{fs};

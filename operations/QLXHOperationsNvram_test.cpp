@@ -14,7 +14,7 @@
 #include "platform/linux/LinuxHardwareRegistry.h"
 #include "platform/testing/ForwardingHardwareRegistry.h"
 #include "platform/testing/RecordingProcess.h"
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/TempDirectory.h"
 #include "vexd_helper/QLXHMessageResponder.h"
 
 namespace {
@@ -76,7 +76,7 @@ class NvramTest : public ::testing::Test {
     return d;
   }
 
-  platform::testing::ScratchDir root{fs::is_directory("/dev/shm") ? "/dev/shm" : ""};
+  platform::testing::TempDirectory root{fs::is_directory("/dev/shm") ? "/dev/shm" : "/tmp"};
   std::string vars = root / "efivars";
   LinuxHardwareRegistry registry{vars};
   platform::testing::RecordingProcess process;

@@ -12,7 +12,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/TempDirectory.h"
 
 namespace platform {
 namespace {
@@ -32,7 +32,7 @@ int waitFor(pid_t pid) {
 }
 
 TEST(LinuxProcessTest, ExitFlushesBufferedOutputButRunsNoExitHandlers) {
-  testing::ScratchDir dir;
+  testing::TempDirectory dir;
   std::string out = dir / "out";
   static std::string marker;
   marker = dir / "atexit-ran";

@@ -11,12 +11,12 @@
 #include <thread>
 
 #include "platform/linux/PlistInputCheck.h"
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/TempDirectory.h"
 
 namespace platform {
 namespace {
 
-using testing::ScratchDir;
+using testing::TempDirectory;
 
 // Value's own == lets numbers of any type match (true == 1); these tests
 // need the stored type to survive too.
@@ -221,7 +221,7 @@ TEST(PropertyListTest, SharedSubtreesCannotExpandWithoutBound) {
 }
 
 // Runs a Python script with the scratch directory as its argument.
-int runPython(const ScratchDir& dir, const std::string& script) {
+int runPython(const TempDirectory& dir, const std::string& script) {
   std::ofstream(dir / "script.py") << script;
   std::string command = "python3 " + dir / "script.py" + " " + dir.path();
   return std::system(command.c_str());
@@ -241,7 +241,7 @@ def sample(sub):
 )";
 
 TEST(PropertyListTest, ReadsFilesWrittenByPythonsPlistlib) {
-  ScratchDir dir;
+  TempDirectory dir;
   ASSERT_EQ(runPython(dir, std::string(kPythonSample) + R"(
 d = sys.argv[1]
 open(d + "/py.bin", "wb").write(plistlib.dumps(sample(True), fmt=plistlib.FMT_BINARY, sort_keys=False))
@@ -257,7 +257,7 @@ open(d + "/py.xml", "wb").write(plistlib.dumps(sample(False), fmt=plistlib.FMT_X
 }
 
 TEST(PropertyListTest, PythonsPlistlibReadsWhatWeWrite) {
-  ScratchDir dir;
+  TempDirectory dir;
   auto binary = writeBinaryPropertyList(sample(true));
   auto xml = writeXmlPropertyList(sample(false));
   ASSERT_TRUE(binary && xml);
@@ -286,7 +286,7 @@ same(plistlib.load(open(d + "/ours.xml", "rb")), sample(False))
 }
 
 TEST(PropertyListTest, ReadsWholeStreamsAndReportsMissingFiles) {
-  ScratchDir dir;
+  TempDirectory dir;
   auto missing = readPropertyListFile(dir / "absent.plist");
   ASSERT_FALSE(missing);
   EXPECT_EQ(missing.error().code, ENOENT);
