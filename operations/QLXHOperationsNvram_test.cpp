@@ -8,6 +8,7 @@
 #include "platform/Platform.h"
 #include "platform/linux/LinuxHardwareRegistry.h"
 #include "platform/testing/CapturedStderr.h"
+#include "platform/testing/Commands.h"
 #include "platform/testing/ForwardingHardwareRegistry.h"
 #include "platform/testing/RecordingProcess.h"
 #include "platform/testing/TempDirectory.h"
@@ -24,8 +25,7 @@ using platform::testing::TempDirectory;
 namespace fs = std::filesystem;
 
 Data readBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Data(std::istreambuf_iterator<char>(in), {});
+  return platform::testing::bytesOf(platform::testing::contentsOf(path));
 }
 
 // Lets everything through but the commit of a written variable.
