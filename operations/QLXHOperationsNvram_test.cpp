@@ -161,11 +161,6 @@ TEST_F(NvramTest, WithoutTheVariableFolderOrARegistryNothingIsWritten) {
   fs::create_directory(vars);
 }
 
-TEST_F(NvramTest, RebootAnswersNoOnlyWhenTheRestartReturns) {
-  EXPECT_FALSE(operations.reboot());
-  EXPECT_EQ(process.reboots.load(), 1);
-}
-
 // The handlers reach the process-wide operations object, which is made
 // from the shared platform bundle.
 class NvramHandlersTest : public NvramTest {
