@@ -9,8 +9,8 @@
 #include "platform/FileSystem.h"
 #include "platform/testing/Commands.h"
 #include "platform/testing/ForwardingFileSystem.h"
-#include "platform/testing/LogCapture.h"
 #include "platform/testing/LinuxTestBed.h"
+#include "platform/testing/LogCapture.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <random>
 
 #include "platform/testing/Commands.h"
-#include "platform/testing/LogCapture.h"
 #include "platform/testing/LinuxTestBed.h"
+#include "platform/testing/LogCapture.h"
 
 namespace {
 

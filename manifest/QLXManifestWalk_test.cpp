@@ -10,8 +10,8 @@
 
 #include "manifest/QLXManifest.h"
 #include "manifest/QLXProgressUpdater.h"
-#include "platform/testing/LogCapture.h"
 #include "platform/testing/LinuxTestBed.h"
+#include "platform/testing/LogCapture.h"
 
 namespace {
 
@@ -23,7 +23,6 @@ using platform::testing::LogCapture;
 
 class QLXManifestWalkTest : public ::testing::Test, protected platform::testing::LinuxTestBed {
  protected:
-
   struct Outcome {
     bool result;
     std::vector<std::string> collected;

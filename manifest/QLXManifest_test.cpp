@@ -8,8 +8,8 @@
 
 #include <cstring>
 
-#include "platform/testing/LogCapture.h"
 #include "platform/testing/LinuxTestBed.h"
+#include "platform/testing/LogCapture.h"
 
 namespace {
 

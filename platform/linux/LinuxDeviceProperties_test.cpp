@@ -68,8 +68,8 @@ TEST_F(DevicePropertiesTest, DiskUsageAgreesWithStat) {
   // The stat command's block size and counts, read independently.
   std::string command = "stat -f -c '%S %b %a' " + scratch.path();
   unsigned long long blockSize = 0, blocks = 0, free = 0;
-  ASSERT_EQ(std::sscanf(testing::run(command).c_str(), "%llu %llu %llu", &blockSize, &blocks, &free),
-            3);
+  ASSERT_EQ(
+      std::sscanf(testing::run(command).c_str(), "%llu %llu %llu", &blockSize, &blocks, &free), 3);
   EXPECT_EQ(capacity->uint64Value(), blocks * blockSize);
   // Free space moves while other programs run; a few MiB of slack suffices.
   double expected = static_cast<double>(free * blockSize);
