@@ -11,25 +11,20 @@
 
 #include "platform/FileSystem.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/testing/Commands.h"
 #include "platform/testing/ForwardingFileSystem.h"
-#include "platform/testing/ScratchDir.h"
 #include "platform/testing/SettableClock.h"
+#include "platform/testing/TempDirectory.h"
 
 namespace {
 
 using platform::Date;
-using platform::testing::ScratchDir;
+using platform::testing::contentsOf;
+using platform::testing::TempDirectory;
 
 // 2026-03-05 12:34:56.25 UTC.
 constexpr double kNow = 1772714096.25;
 constexpr double kDay = 86400;
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
@@ -88,7 +83,7 @@ class LogModelTest : public ::testing::Test {
     return created && created->date() ? *created->date() : Date{-1};
   }
 
-  ScratchDir dir;
+  TempDirectory dir;
   std::string logs = dir / "logs";
   platform::LinuxFileSystem fs;
   DatedFileSystem dated{fs};
@@ -108,7 +103,7 @@ TEST_F(LogModelTest, FileLinesAreStampedInUtcAndConsoleLinesAreBare) {
   model.logWithFormat("%s started", {});
   const logging::FormatArg one[] = {logging::FormatArg("x")};
   model.logWithFormat("%@ and %s", one);
-  EXPECT_EQ(readFile(logs + "/vexd_helper-20260305.log"),
+  EXPECT_EQ(contentsOf(logs + "/vexd_helper-20260305.log"),
             "2026-03-05 12:34:56 +0000 hello\n"
             "2026-03-05 12:34:56 +0000  started\n"
             "2026-03-05 12:34:56 +0000 x and \n");
@@ -128,7 +123,7 @@ TEST_F(LogModelTest, FileIsNamedForTheLocalDayWithTheYearSpacePadded) {
   clock.setDay({2026, 3, 6});
   ASSERT_TRUE(model.enableLogToFilesUnder(logs, "vexd_helper", 5));
   model.logMessage("late");
-  EXPECT_EQ(readFile(logs + "/vexd_helper-20260306.log"), "2026-03-05 23:30:00 +0000 late\n");
+  EXPECT_EQ(contentsOf(logs + "/vexd_helper-20260306.log"), "2026-03-05 23:30:00 +0000 late\n");
 }
 
 TEST_F(LogModelTest, TodaysFileIsAppendedToNeverTruncated) {
@@ -136,7 +131,7 @@ TEST_F(LogModelTest, TodaysFileIsAppendedToNeverTruncated) {
   writeFile(logs + "/vexd_helper-20260305.log", "earlier line\n");
   ASSERT_TRUE(model.enableLogToFilesUnder(logs, "vexd_helper", 5));
   model.logMessage("later");
-  EXPECT_EQ(readFile(logs + "/vexd_helper-20260305.log"),
+  EXPECT_EQ(contentsOf(logs + "/vexd_helper-20260305.log"),
             "earlier line\n2026-03-05 12:34:56 +0000 later\n");
 }
 
@@ -178,8 +173,8 @@ TEST_F(LogModelTest, ExpiryByRealBirthTimesRemovesEverythingOlderThanTheCutoff) 
   // Expiry talks to the console only; the new day's file starts empty.
   model.logMessage("fresh");
   std::string today = model.fileNameForTodayUnder(logs, "vexd_helper");
-  EXPECT_EQ(readFile(today).find("Checking"), std::string::npos);
-  EXPECT_NE(readFile(today).find("fresh"), std::string::npos);
+  EXPECT_EQ(contentsOf(today).find("Checking"), std::string::npos);
+  EXPECT_NE(contentsOf(today).find("fresh"), std::string::npos);
 }
 
 TEST_F(LogModelTest, ExpiryBoundaryIsStrictAndUnreadableDatesAreKept) {
@@ -247,7 +242,7 @@ TEST_F(LogModelTest, LinesFromManyThreadsNeverInterleave) {
     });
   for (auto& t : threads) t.join();
 
-  std::istringstream file(readFile(model.fileNameForTodayUnder(logs, "vexd_helper")));
+  std::istringstream file(contentsOf(model.fileNameForTodayUnder(logs, "vexd_helper")));
   std::vector<int> next(kThreads, 0);
   std::string line;
   int count = 0;

@@ -7,12 +7,10 @@
 
 #include "manifest/QLXFileMetadata.h"
 #include "platform/FileSystem.h"
-#include "platform/linux/LinuxFileSystem.h"
-#include "platform/linux/OpenSslDigestService.h"
 #include "platform/testing/Commands.h"
 #include "platform/testing/ForwardingFileSystem.h"
+#include "platform/testing/LinuxTestBed.h"
 #include "platform/testing/LogCapture.h"
-#include "platform/testing/TempDirectory.h"
 
 namespace {
 
@@ -22,14 +20,10 @@ using platform::Value;
 using platform::testing::bytesOf;
 using platform::testing::LogCapture;
 using platform::testing::run;
-using platform::testing::TempDirectory;
 
-class QLXFileMetadataRestoreTest : public ::testing::Test {
+class QLXFileMetadataRestoreTest : public ::testing::Test,
+                                   protected platform::testing::LinuxTestBed {
  protected:
-  platform::LinuxFileSystem fs;
-  platform::OpenSslDigestService digests;
-  platform::Platform platform{.fileSystem = &fs, .digests = &digests};
-  TempDirectory dir;
   bool root = ::geteuid() == 0;
 
   QLXFileMetadata record(Dictionary attributes, Dictionary xattrs = {}) {

@@ -10,12 +10,9 @@
 #include <fstream>
 #include <random>
 
-#include "platform/linux/LinuxFileSystem.h"
-#include "platform/linux/OpenSslDigestService.h"
 #include "platform/testing/Commands.h"
-#include "platform/testing/FaultInjectingFileSystem.h"
+#include "platform/testing/LinuxTestBed.h"
 #include "platform/testing/LogCapture.h"
-#include "platform/testing/TempDirectory.h"
 
 namespace {
 
@@ -28,15 +25,9 @@ using platform::testing::FsCall;
 using platform::testing::hex;
 using platform::testing::LogCapture;
 using platform::testing::run;
-using platform::testing::TempDirectory;
 
-class QLXFileMetadataTest : public ::testing::Test {
+class QLXFileMetadataTest : public ::testing::Test, protected platform::testing::LinuxTestBed {
  protected:
-  platform::LinuxFileSystem linuxFs;
-  FaultInjectingFileSystem fs{linuxFs};
-  platform::OpenSslDigestService digests;
-  platform::Platform platform{.fileSystem = &fs, .digests = &digests};
-  TempDirectory dir;
   bool root = ::geteuid() == 0;
 };
 

@@ -10,11 +10,8 @@
 
 #include "manifest/QLXManifest.h"
 #include "manifest/QLXProgressUpdater.h"
-#include "platform/linux/LinuxFileSystem.h"
-#include "platform/linux/OpenSslDigestService.h"
-#include "platform/testing/FaultInjectingFileSystem.h"
+#include "platform/testing/LinuxTestBed.h"
 #include "platform/testing/LogCapture.h"
-#include "platform/testing/TempDirectory.h"
 
 namespace {
 
@@ -23,16 +20,9 @@ using platform::ResourceKey;
 using platform::testing::FaultInjectingFileSystem;
 using platform::testing::FsCall;
 using platform::testing::LogCapture;
-using platform::testing::TempDirectory;
 
-class QLXManifestWalkTest : public ::testing::Test {
+class QLXManifestWalkTest : public ::testing::Test, protected platform::testing::LinuxTestBed {
  protected:
-  platform::LinuxFileSystem linuxFs;
-  FaultInjectingFileSystem fs{linuxFs};
-  platform::OpenSslDigestService digests;
-  platform::Platform platform{.fileSystem = &fs, .digests = &digests};
-  TempDirectory dir;
-
   struct Outcome {
     bool result;
     std::vector<std::string> collected;

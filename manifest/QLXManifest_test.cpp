@@ -8,17 +8,14 @@
 
 #include <cstring>
 
-#include "platform/linux/LinuxFileSystem.h"
-#include "platform/linux/OpenSslDigestService.h"
+#include "platform/testing/LinuxTestBed.h"
 #include "platform/testing/LogCapture.h"
-#include "platform/testing/TempDirectory.h"
 
 namespace {
 
 using platform::Dictionary;
 using platform::Value;
 using platform::testing::LogCapture;
-using platform::testing::TempDirectory;
 
 TEST(QLXManifestFolderContainsTest, APathIsUnderAFolderOnlyAtAComponentBoundary) {
   struct Case {
@@ -49,13 +46,8 @@ TEST(QLXManifestFolderContainsTest, APathIsUnderAFolderOnlyAtAComponentBoundary)
   }
 }
 
-class QLXManifestTest : public ::testing::Test {
+class QLXManifestTest : public ::testing::Test, protected platform::testing::LinuxTestBed {
  protected:
-  platform::LinuxFileSystem fs;
-  platform::OpenSslDigestService digests;
-  platform::Platform platform{.fileSystem = &fs, .digests = &digests};
-  TempDirectory dir;
-
   // The relative paths a walk hands to its handler, in order.
   std::vector<std::string> walkOrder(const std::string& start, const std::string& relativeTo,
                                      const std::vector<std::string>& skip, bool inclusive,

@@ -5,16 +5,20 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/testing/LogCapture.h"
 #include "operations/QLXHOperations.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/testing/Commands.h"
+#include "platform/testing/LogCapture.h"
+#include "platform/testing/TempDirectory.h"
 #include "vexd_helper/QLXHMessageResponder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using platform::testing::contentsOf;
 using platform::testing::LogCapture;
+using platform::testing::TempDirectory;
 
 // Ownership changes need root; "daemon" stands in for the mobile account,
 // which the host does not have.
@@ -22,9 +26,6 @@ class ContainerOperationsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to change owners";
-    root_ = fs::temp_directory_path() / ("vexd-containers-" + std::to_string(getpid()));
-    fs::remove_all(root_);
-    fs::create_directories(root_);
     bundle_.fileSystem = &fileSystem_;
     QLXHOperationsPaths paths;
     paths.rootPreferencesDirectory = (root_ / "root/Library/Preferences/").string();
@@ -32,15 +33,10 @@ class ContainerOperationsTest : public ::testing::Test {
     paths.mobileAccountName = "daemon";
     ops_ = std::make_unique<QLXHOperations>(bundle_, paths);
   }
-  void TearDown() override { fs::remove_all(root_); }
 
   static void write(const fs::path& p, const std::string& text) {
     fs::create_directories(p.parent_path());
     std::ofstream(p) << text;
-  }
-  static std::string read(const fs::path& p) {
-    std::ifstream in(p);
-    return std::string(std::istreambuf_iterator<char>(in), {});
   }
   static struct stat statOf(const fs::path& p) {
     struct stat st {};
@@ -48,7 +44,8 @@ class ContainerOperationsTest : public ::testing::Test {
     return st;
   }
 
-  fs::path root_;
+  TempDirectory dir_;
+  fs::path root_{dir_.path()};
   platform::LinuxFileSystem fileSystem_;
   platform::Platform bundle_;
   std::unique_ptr<QLXHOperations> ops_;
@@ -66,14 +63,14 @@ TEST_F(ContainerOperationsTest, MigrationMovesOnceAndGivesTheFileToMobile) {
   write(source, "new");
   write(destination, "old");
   EXPECT_FALSE(ops_->migratePreferencesFile());  // never overwrites
-  EXPECT_EQ(read(source), "new");
-  EXPECT_EQ(read(destination), "old");
+  EXPECT_EQ(contentsOf(source), "new");
+  EXPECT_EQ(contentsOf(destination), "old");
   EXPECT_TRUE(log_.messages().empty());
 
   fs::remove(destination);
   EXPECT_TRUE(ops_->migratePreferencesFile());
   EXPECT_FALSE(fs::exists(source));
-  EXPECT_EQ(read(destination), "new");
+  EXPECT_EQ(contentsOf(destination), "new");
   EXPECT_EQ(statOf(destination).st_uid, 1u);
   EXPECT_EQ(statOf(destination).st_gid, 1u);
 }
@@ -99,7 +96,7 @@ TEST_F(ContainerOperationsTest, PreparingClearsOnlyTheStagingTree) {
   ASSERT_EQ(::chmod(container.c_str(), 0700), 0);
   EXPECT_TRUE(ops_->prepareDirectory(platform::Value(container.string()), false));
   EXPECT_FALSE(fs::exists(container / "QLX_staging"));
-  EXPECT_EQ(read(container / "keep"), "y");
+  EXPECT_EQ(contentsOf(container / "keep"), "y");
   EXPECT_EQ(statOf(container).st_mode & 07777, 0700u);  // not writable: mode untouched
 
   fs::path fresh = root_ / "a/b/c";
@@ -140,8 +137,9 @@ TEST(PrepareLogContainerRequestTest, PathsOutsideTheLogAreasAreRefusedUntouched)
     EXPECT_FALSE(fs::exists(path));
   }
   EXPECT_FALSE(responder.prepareLogContainer(platform::Value(3)));
-  EXPECT_TRUE(log.contains("Entering -[QLXHMessageResponder prepareLogContainer:] with "
-                           "parameter: /var/mobile/x"));
+  EXPECT_TRUE(
+      log.contains("Entering -[QLXHMessageResponder prepareLogContainer:] with "
+                   "parameter: /var/mobile/x"));
   EXPECT_TRUE(log.contains(": creating logs under  is not allowed."));
 }
 

@@ -1,20 +1,17 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 
 #include "operations/QLXHOperations.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxHardwareRegistry.h"
+#include "platform/testing/CapturedStderr.h"
+#include "platform/testing/Commands.h"
 #include "platform/testing/ForwardingHardwareRegistry.h"
 #include "platform/testing/RecordingProcess.h"
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/TempDirectory.h"
 #include "vexd_helper/QLXHMessageResponder.h"
 
 namespace {
@@ -23,17 +20,12 @@ using platform::Data;
 using platform::Dictionary;
 using platform::LinuxHardwareRegistry;
 using platform::Value;
+using platform::testing::capturedStderr;
+using platform::testing::TempDirectory;
 namespace fs = std::filesystem;
 
-std::string captureLog(const std::function<void()>& action) {
-  ::testing::internal::CaptureStderr();
-  action();
-  return ::testing::internal::GetCapturedStderr();
-}
-
 Data readBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Data(std::istreambuf_iterator<char>(in), {});
+  return platform::testing::bytesOf(platform::testing::contentsOf(path));
 }
 
 // Lets everything through but the commit of a written variable.
@@ -52,20 +44,6 @@ class RefusingCommit : public platform::testing::ForwardingHardwareRegistry {
 class NvramTest : public ::testing::Test {
  protected:
   void SetUp() override { fs::create_directory(vars); }
-  void TearDown() override {
-    // Immutable leftovers would outlive the scratch folder.
-    for (const auto& entry : fs::directory_iterator(vars)) setImmutable(entry.path(), false);
-  }
-
-  static bool setImmutable(const std::string& path, bool on) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    int flags = 0;
-    bool ok = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    flags = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
-    ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    if (fd >= 0) ::close(fd);
-    return ok;
-  }
   std::string variable(const std::string& name) {
     return vars + "/" + name + "-" + LinuxHardwareRegistry::kVendorGuid;
   }
@@ -76,7 +54,7 @@ class NvramTest : public ::testing::Test {
     return d;
   }
 
-  platform::testing::ScratchDir root{fs::is_directory("/dev/shm") ? "/dev/shm" : ""};
+  TempDirectory root{fs::is_directory("/dev/shm") ? "/dev/shm" : "/tmp"};
   std::string vars = root / "efivars";
   LinuxHardwareRegistry registry{vars};
   platform::testing::RecordingProcess process;
@@ -85,7 +63,7 @@ class NvramTest : public ::testing::Test {
 };
 
 TEST_F(NvramTest, WriteStoresTheAttributeWordThenTheUtf8Value) {
-  std::string log = captureLog([&] {
+  std::string log = capturedStderr([&] {
     EXPECT_TRUE(operations.writeNVRam("demo-mode", "on \xe2\x9c\x93"));
     EXPECT_TRUE(operations.writeNVRam("empty", ""));
     EXPECT_TRUE(operations.writeNVRam("demo-mode", "x"));  // shorter than before
@@ -98,12 +76,13 @@ TEST_F(NvramTest, WriteStoresTheAttributeWordThenTheUtf8Value) {
 
 TEST_F(NvramTest, ImmutableVariablesAreRewrittenAndDeleted) {
   ASSERT_TRUE(operations.writeNVRam("locked", "first"));
-  if (!setImmutable(variable("locked"), true)) GTEST_SKIP() << "no inode flags under " << vars;
+  if (!TempDirectory::setImmutable(variable("locked"), true))
+    GTEST_SKIP() << "no inode flags under " << vars;
   ASSERT_FALSE(std::ofstream(variable("locked"), std::ios::app) << "x" << std::flush);
 
   EXPECT_TRUE(operations.writeNVRam("locked", "second"));
   EXPECT_EQ(readBytes(variable("locked")), stored("second"));
-  ASSERT_TRUE(setImmutable(variable("locked"), true));
+  ASSERT_TRUE(TempDirectory::setImmutable(variable("locked"), true));
   EXPECT_TRUE(operations.deleteNvram("locked"));
   EXPECT_FALSE(fs::exists(variable("locked")));
 }
@@ -130,7 +109,7 @@ TEST_F(NvramTest, NamesThatWouldLeaveTheFolderOrThatFirmwareCannotHoldAreRefused
                                       "emoji \xf0\x9f\x98\x80",
                                       "bad \xff utf-8"};
   for (const std::string& name : refused) {
-    std::string log = captureLog([&] {
+    std::string log = capturedStderr([&] {
       EXPECT_FALSE(operations.writeNVRam(name, "v")) << name;
       EXPECT_FALSE(operations.deleteNvram(name)) << name;
     });
@@ -145,7 +124,7 @@ TEST_F(NvramTest, NamesThatWouldLeaveTheFolderOrThatFirmwareCannotHoldAreRefused
 }
 
 TEST_F(NvramTest, ValuesOtherThanTextFailTheWrite) {
-  std::string log = captureLog([&] {
+  std::string log = capturedStderr([&] {
     EXPECT_FALSE(operations.writeNVRam("n", Value()));
     EXPECT_FALSE(operations.writeNVRam("n", 1));
     EXPECT_FALSE(operations.writeNVRam(Value(), "v"));
@@ -160,14 +139,14 @@ TEST_F(NvramTest, ValuesOtherThanTextFailTheWrite) {
 TEST_F(NvramTest, ARefusedCommitFailsTheWriteAfterTheValueWasSet) {
   RefusingCommit refusing(registry);
   bundle.hardwareRegistry = &refusing;
-  std::string log = captureLog([&] { EXPECT_FALSE(operations.writeNVRam("staged", "value")); });
+  std::string log = capturedStderr([&] { EXPECT_FALSE(operations.writeNVRam("staged", "value")); });
   EXPECT_EQ(log, "Couldn't force sync new nvram to device\n");
   EXPECT_EQ(readBytes(variable("staged")), stored("value"));
 }
 
 TEST_F(NvramTest, WithoutTheVariableFolderOrARegistryNothingIsWritten) {
   fs::remove(vars);
-  std::string log = captureLog([&] {
+  std::string log = capturedStderr([&] {
     EXPECT_FALSE(operations.writeNVRam("n", "v"));
     EXPECT_FALSE(operations.deleteNvram("n"));
   });
@@ -177,14 +156,9 @@ TEST_F(NvramTest, WithoutTheVariableFolderOrARegistryNothingIsWritten) {
   EXPECT_FALSE(fs::exists(vars));
 
   bundle.hardwareRegistry = nullptr;
-  log = captureLog([&] { EXPECT_FALSE(operations.deleteNvram("n")); });
+  log = capturedStderr([&] { EXPECT_FALSE(operations.deleteNvram("n")); });
   EXPECT_EQ(log, "Couldn't locate bootstrap_port mach port\n");
   fs::create_directory(vars);
-}
-
-TEST_F(NvramTest, RebootAnswersNoOnlyWhenTheRestartReturns) {
-  EXPECT_FALSE(operations.reboot());
-  EXPECT_EQ(process.reboots.load(), 1);
 }
 
 // The handlers reach the process-wide operations object, which is made
@@ -205,7 +179,7 @@ class NvramHandlersTest : public NvramTest {
 };
 
 TEST_F(NvramHandlersTest, WriteAndDeleteRequestsUnpackTheirParameters) {
-  std::string log = captureLog([&] {
+  std::string log = capturedStderr([&] {
     EXPECT_TRUE(responder.writeNvram(Value(Dictionary{{"Name", "boot-args"}, {"Value", "-v"}})));
   });
   EXPECT_EQ(log,
@@ -213,12 +187,12 @@ TEST_F(NvramHandlersTest, WriteAndDeleteRequestsUnpackTheirParameters) {
             "    Name = boot-args;\n    Value = -v;\n}\n");
   EXPECT_EQ(readBytes(variable("boot-args")), stored("-v"));
 
-  log = captureLog([&] { EXPECT_TRUE(responder.deleteNvram(Value("boot-args"))); });
+  log = capturedStderr([&] { EXPECT_TRUE(responder.deleteNvram(Value("boot-args"))); });
   EXPECT_EQ(log, "Entering -[QLXHMessageResponder deleteNvram:] with parameter: boot-args\n");
   EXPECT_FALSE(fs::exists(variable("boot-args")));
 
   // Absent keys reach the operation as absent values.
-  log = captureLog([&] {
+  log = capturedStderr([&] {
     EXPECT_FALSE(responder.writeNvram(Value(Dictionary{{"Name", "n"}})));
     EXPECT_FALSE(responder.writeNvram(Value("not a dictionary")));
   });
@@ -230,7 +204,7 @@ TEST_F(NvramHandlersTest, WriteAndDeleteRequestsUnpackTheirParameters) {
 }
 
 TEST_F(NvramHandlersTest, RebootFailsWhenTheRestartReturns) {
-  std::string log = captureLog([&] { EXPECT_FALSE(responder.reboot(Value(1))); });
+  std::string log = capturedStderr([&] { EXPECT_FALSE(responder.reboot(Value(1))); });
   EXPECT_EQ(log, "Entering -[QLXHMessageResponder reboot:] with parameter: 1\n");
   EXPECT_EQ(process.reboots.load(), 1);
 }

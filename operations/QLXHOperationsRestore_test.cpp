@@ -11,6 +11,7 @@
 #include "manifest/QLXManifest.h"
 #include "operations/QLXHOperations.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/testing/Commands.h"
 #include "platform/testing/LogCapture.h"
 #include "platform/testing/TempDirectory.h"
 #include "platform/testing/TestContentSigners.h"
@@ -21,6 +22,7 @@ namespace {
 using platform::Dictionary;
 using platform::Value;
 using platform::testing::LogCapture;
+using platform::testing::run;
 using platform::testing::TempDirectory;
 using platform::testing::TestContentSigners;
 namespace fs = std::filesystem;
@@ -29,14 +31,6 @@ constexpr uid_t kOwner = 4242;
 constexpr gid_t kGroup = 4343;
 constexpr const char* kOrigin = "user.velmor.origin";
 const timespec kRecordedTime{1709209800, 0};  // 2024-02-29 12:30:00 UTC
-
-std::string run(const std::string& command) {
-  std::string out;
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
-  char buffer[4096];
-  while (pipe && std::fgets(buffer, sizeof buffer, pipe.get())) out += buffer;
-  return out;
-}
 
 // Owners, modes, mtimes and user xattrs of a tree as stat and getfattr see them.
 std::string snapshot(const std::string& root) {

@@ -77,6 +77,7 @@ class OvixConnection : public ::testing::Test {
 };
 
 TEST_F(OvixConnection, EveryTypeRoundTripsBetweenTwoProcesses) {
+  OVIX_SKIP_IF_FORK_UNSAFE();
   auto events = EventRecorder::make();
   listen("svc.echo", echo(events));
   ChildProcess child([] {
@@ -277,6 +278,7 @@ TEST_F(OvixConnection, ReceiveWaitsAtMostItsTimeoutAndReportsTheEnd) {
 }
 
 TEST_F(OvixConnection, TheAuditTokenNamesAPeerRunningAsAnotherUser) {
+  OVIX_SKIP_IF_FORK_UNSAFE();
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to start a peer as another user";
   auto events = EventRecorder::make();
   listen("svc.who", echo(events));

@@ -78,6 +78,7 @@ TEST_F(OvixListener, ReplacesTheSocketOfADeadProcessButNeverTakesALiveOne) {
 }
 
 TEST_F(OvixListener, AServiceFreedByItsProcessDyingCanBeTakenOver) {
+  OVIX_SKIP_IF_FORK_UNSAFE();
   int ready[2];
   ASSERT_EQ(::pipe(ready), 0);
   testing::ChildProcess child([&] {

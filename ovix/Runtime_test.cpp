@@ -49,6 +49,7 @@ class OvixTermination : public ::testing::Test {
 };
 
 TEST_F(OvixTermination, SigtermReachesTheListenerAndEveryOpenConnectionOnce) {
+  OVIX_SKIP_IF_FORK_UNSAFE();
   const int out = pipe_[1];
   ChildProcess child([out] {
     auto l = Listener::create("svc.term");
@@ -88,6 +89,7 @@ TEST_F(OvixTermination, SigtermReachesTheListenerAndEveryOpenConnectionOnce) {
 }
 
 TEST_F(OvixTermination, WithNobodyLeftToTellSigtermEndsTheProcessAsUsual) {
+  OVIX_SKIP_IF_FORK_UNSAFE();
   const int out = pipe_[1];
   ChildProcess child([out] {
     auto l = Listener::create("svc.gone");
@@ -109,6 +111,7 @@ TEST_F(OvixTermination, WithNobodyLeftToTellSigtermEndsTheProcessAsUsual) {
 }
 
 TEST_F(OvixTermination, AChildForkedByAServiceDiesOfSigtermAsUsual) {
+  OVIX_SKIP_IF_FORK_UNSAFE();
   // A service's children (helpers it forks) must not inherit a SIGTERM
   // nobody takes.
   ChildProcess service([] {

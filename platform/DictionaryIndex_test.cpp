@@ -6,7 +6,8 @@ namespace platform {
 namespace {
 
 // Small dictionaries are scanned and large ones indexed; growing and
-// shrinking across that line must not lose, duplicate or reorder keys.
+// shrinking across that line must not lose, duplicate or reorder keys, and
+// replacing a value keeps its key's place at either size.
 TEST(DictionaryIndexTest, LookupsHoldWhileGrowingAndShrinkingAcrossTheIndexLine) {
   Dictionary d;
   std::vector<std::string> order;
@@ -14,7 +15,13 @@ TEST(DictionaryIndexTest, LookupsHoldWhileGrowingAndShrinkingAcrossTheIndexLine)
     std::string key = "a fairly long key number " + std::to_string(i);
     d.set(key, i);
     order.push_back(key);
+    if (i == 2) {
+      d.set(order[1], 100);
+      ASSERT_EQ(d.find(order[1])->int64Value(), 100);
+      d.set(order[1], 1);
+    }
     for (int j = 0; j <= i; ++j) ASSERT_EQ(d.find(order[j])->int64Value(), j) << i << " " << j;
+    ASSERT_EQ(d.keys(), order);
     ASSERT_FALSE(d.find("missing"));
   }
   d.set(order[3], 300);  // replacing keeps the place

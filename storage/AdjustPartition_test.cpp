@@ -12,7 +12,7 @@ class AdjustPartition : public DiskTest {
  protected:
   int adjust(std::uint64_t bytes) {
     int r = -1;
-    said = captured([&] { r = adjust_partition(services, bytes); });
+    said = capturedStderr([&] { r = adjust_partition(services, bytes); });
     return r;
   }
   // Each expected line appears, in this order.

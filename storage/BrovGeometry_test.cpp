@@ -4,7 +4,11 @@
 
 #include <string>
 
+#include "platform/testing/CapturedStderr.h"
+
 namespace {
+
+using platform::testing::capturedStderr;
 
 struct Described {
   int result;
@@ -14,9 +18,8 @@ struct Described {
 
 Described describe(std::uint64_t mediaSize, std::uint32_t blockSize) {
   Described d{};
-  ::testing::internal::CaptureStderr();
-  d.result = brovInitMediaGeometry(&d.geometry, mediaSize, blockSize);
-  d.stderrText = ::testing::internal::GetCapturedStderr();
+  d.stderrText =
+      capturedStderr([&] { d.result = brovInitMediaGeometry(&d.geometry, mediaSize, blockSize); });
   return d;
 }
 
@@ -90,9 +93,8 @@ TEST(BrovGeometry, TinyMediaWarnsAndWrapsTheReservedChunksIn32Bits) {
 }
 
 TEST(BrovGeometry, MissingRecordIsRefused) {
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(brovInitMediaGeometry(nullptr, 1ull << 30, 4096), -1);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "brov: NULL media properties\n");
+  EXPECT_EQ(capturedStderr([] { EXPECT_EQ(brovInitMediaGeometry(nullptr, 1ull << 30, 4096), -1); }),
+            "brov: NULL media properties\n");
 }
 
 }  // namespace

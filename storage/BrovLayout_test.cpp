@@ -6,7 +6,11 @@
 #include <utility>
 #include <vector>
 
+#include "platform/testing/CapturedStderr.h"
+
 namespace {
+
+using platform::testing::capturedStderr;
 
 constexpr std::uint64_t kFirstUsable = 3;
 constexpr std::uint64_t kLastUsable = 1021;
@@ -14,9 +18,7 @@ constexpr std::uint64_t kLastUsable = 1021;
 class BrovLayout : public ::testing::Test {
  protected:
   void SetUp() override {
-    ::testing::internal::CaptureStderr();
-    brovInitMediaGeometry(&geometry, 1024 * 4096, 4096);
-    ::testing::internal::GetCapturedStderr();
+    capturedStderr([&] { brovInitMediaGeometry(&geometry, 1024 * 4096, 4096); });
     platform::gpt::store64(&header.bytes[platform::gpt::kFirstUsableLba], kFirstUsable);
     platform::gpt::store64(&header.bytes[platform::gpt::kLastUsableLba], kLastUsable);
   }
@@ -31,9 +33,9 @@ class BrovLayout : public ::testing::Test {
   }
 
   int adjust(std::int32_t index, std::uint64_t bytes) {
-    ::testing::internal::CaptureStderr();
-    int r = brovAdjustPartition(&geometry, &header, &table, index, bytes);
-    said = ::testing::internal::GetCapturedStderr();
+    int r = 0;
+    said =
+        capturedStderr([&] { r = brovAdjustPartition(&geometry, &header, &table, index, bytes); });
     return r;
   }
 

@@ -19,12 +19,12 @@ class DataPartition : public DiskTest {
   }
   int shrink() {
     int r = 0;
-    said = captured([&] { r = shrink_data_partition(services); });
+    said = capturedStderr([&] { r = shrink_data_partition(services); });
     return r;
   }
   int expand() {
     int r = -1;
-    said = captured([&] { r = expand_data_partition(services); });
+    said = capturedStderr([&] { r = expand_data_partition(services); });
     return r;
   }
   std::string said;

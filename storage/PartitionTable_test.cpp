@@ -10,7 +10,7 @@ namespace {
 class PartitionTableRead : public DiskTest {
  protected:
   int read() {
-    said = captured([&] { result = read_partition_table(services, &gpt, &geometry); });
+    said = capturedStderr([&] { result = read_partition_table(services, &gpt, &geometry); });
     return result;
   }
   int result = -1;

@@ -10,6 +10,7 @@
 
 #include "platform/DeviceProperties.h"
 #include "platform/GptDisk.h"
+#include "platform/testing/CapturedStderr.h"
 #include "platform/testing/MemoryVolumeLayer.h"
 #include "storage/GPTRecord.h"
 #include "storage/MarlVolume.h"
@@ -17,6 +18,8 @@
 #include "storage/StorageServices.h"
 
 namespace storage::testing {
+
+using platform::testing::capturedStderr;
 
 class FakeDeviceProperties : public platform::DeviceProperties {
  public:
@@ -75,13 +78,6 @@ class DiskTest : public ::testing::Test {
   void mount(int i, const std::string& bsdName, const std::string& mountPoint) {
     volumes.mounts.push_back({"marl", mountPoint, "/dev/" + bsdName});
     volumes.partitionUUIDs["/dev/" + bsdName] = uuidOf(i);
-  }
-
-  template <class F>
-  std::string captured(F&& f) {
-    ::testing::internal::CaptureStderr();
-    f();
-    return ::testing::internal::GetCapturedStderr();
   }
 
   platform::testing::MemoryVolumeLayer volumes{kBlocks};

@@ -21,6 +21,7 @@
 #include "ovix/Object.h"
 #include "platform/Gatecards.h"
 #include "platform/Platform.h"
+#include "platform/testing/CapturedStderr.h"
 #include "vexd_helper/OvixDictConv.h"
 #include "vexd_helper/QLXHRequestTable.h"
 #include "vexd_helper/QLXHService.h"
@@ -61,10 +62,10 @@ class FrameTest : public ::testing::Test {
     setenv("OVIX_RUNTIME_DIR", runtimeDir_->c_str(), 1);
     gatecards_ = new FakeGatecards();
     platform::shared().gatecards = gatecards_;
-    QLXHRequestTable::registerOperation("testPass:", [](QLXHMessageResponder&,
-                                                        const platform::Value&) { return true; });
-    QLXHRequestTable::registerOperation("testFail:", [](QLXHMessageResponder&,
-                                                        const platform::Value&) { return false; });
+    QLXHRequestTable::registerOperation(
+        "testPass:", [](QLXHMessageResponder&, const platform::Value&) { return true; });
+    QLXHRequestTable::registerOperation(
+        "testFail:", [](QLXHMessageResponder&, const platform::Value&) { return false; });
     ASSERT_EQ(QLXH_start_listener(), 0);
   }
 
@@ -75,9 +76,9 @@ class FrameTest : public ::testing::Test {
 
   void SetUp() override {
     gatecards_->grant(platform::Value(true));
-    logPath_ = *runtimeDir_ / (std::string(::testing::UnitTest::GetInstance()
-                                                ->current_test_info()
-                                                ->name()) + ".log");
+    logPath_ =
+        *runtimeDir_ /
+        (std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + ".log");
     logFile_ = std::fopen(logPath_.c_str(), "w");
     QLXLogModel::sharedInstance().setLogFP(logFile_);
   }
@@ -190,8 +191,7 @@ TEST_F(FrameTest, KeysAreServedInOrderUntilOneNamesNothing) {
   ASSERT_TRUE(client->send(ovix::Object::makeDictionary()));
   EXPECT_TRUE(replies(*client).empty());
 
-  ASSERT_TRUE(
-      client->send(request({{"testFail:", v}, {"noSuchRequest:", v}, {"testPass:", v}})));
+  ASSERT_TRUE(client->send(request({{"testFail:", v}, {"noSuchRequest:", v}, {"testPass:", v}})));
   EXPECT_EQ(replies(*client), std::vector<std::string>{fail()});
   EXPECT_TRUE(logged("QLXHMessageResponder does not respond to noSuchRequest:."));
 
@@ -230,8 +230,9 @@ TEST_F(FrameTest, RequestLinesAreLoggedInOrder) {
       "Entering -[QLXHMessageResponder testEntry:] with parameter: /var/x", "Message handled"};
   auto first = std::find(lines.begin(), lines.end(), expected[0]);
   ASSERT_NE(first, lines.end());
-  EXPECT_EQ(std::vector<std::string>(first, first + std::min<std::ptrdiff_t>(4, lines.end() - first)),
-            expected);
+  EXPECT_EQ(
+      std::vector<std::string>(first, first + std::min<std::ptrdiff_t>(4, lines.end() - first)),
+      expected);
 }
 
 TEST_F(FrameTest, ADisconnectClearsTheCurrentConnection) {
@@ -275,9 +276,9 @@ TEST(OvixDictConvTest, OnlyStringsBooleansIntegersAndDictionariesSurvive) {
   message.setInt64("count", -3);
   message.setString("name", "x");
 
-  testing::internal::CaptureStderr();
-  auto decoded = ovixdictConv::dictionaryWithOvixDictionary(message);
-  std::string console = testing::internal::GetCapturedStderr();
+  std::optional<platform::Dictionary> decoded;
+  std::string console = platform::testing::capturedStderr(
+      [&] { decoded = ovixdictConv::dictionaryWithOvixDictionary(message); });
   ASSERT_TRUE(decoded);
   EXPECT_EQ(decoded->keys(), (std::vector<std::string>{"createDeviceManifest:", "count", "name"}));
   const platform::Dictionary* inner = decoded->find("createDeviceManifest:")->dictionary();

@@ -7,7 +7,8 @@
 #include <fstream>
 #include <memory>
 
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/Commands.h"
+#include "platform/testing/TempDirectory.h"
 
 namespace platform {
 namespace {
@@ -28,7 +29,7 @@ class DevicePropertiesTest : public ::testing::Test {
     return properties.copyAnswer("SigningFuse");
   }
 
-  testing::ScratchDir scratch;
+  testing::TempDirectory scratch;
 };
 
 TEST_F(DevicePropertiesTest, SigningFuseReadsTheSecureBootByte) {
@@ -66,10 +67,9 @@ TEST_F(DevicePropertiesTest, DiskUsageAgreesWithStat) {
 
   // The stat command's block size and counts, read independently.
   std::string command = "stat -f -c '%S %b %a' " + scratch.path();
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
-  ASSERT_NE(pipe, nullptr);
   unsigned long long blockSize = 0, blocks = 0, free = 0;
-  ASSERT_EQ(std::fscanf(pipe.get(), "%llu %llu %llu", &blockSize, &blocks, &free), 3);
+  ASSERT_EQ(
+      std::sscanf(testing::run(command).c_str(), "%llu %llu %llu", &blockSize, &blocks, &free), 3);
   EXPECT_EQ(capacity->uint64Value(), blocks * blockSize);
   // Free space moves while other programs run; a few MiB of slack suffices.
   double expected = static_cast<double>(free * blockSize);

@@ -13,12 +13,12 @@
 #include <fstream>
 
 #include "platform/PropertyList.h"
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/TempDirectory.h"
 
 namespace platform {
 namespace {
 
-using testing::ScratchDir;
+using testing::TempDirectory;
 namespace fs = std::filesystem;
 
 const char* kEntitlement = "com.velmor.private.quillex.quillexd";
@@ -88,8 +88,8 @@ class GatecardsTest : public ::testing::Test {
     return path;
   }
 
-  ScratchDir grants;
-  ScratchDir programs;
+  TempDirectory grants;
+  TempDirectory programs;
   std::string sleepPath = fs::canonical("/bin/sleep");
   LinuxGatecards gatecards{grants.path()};
 };

@@ -5,13 +5,13 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/TempDirectory.h"
 
 namespace platform {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ScratchDir;
+using testing::TempDirectory;
 
 class HardwareRegistryTest : public ::testing::Test {
  protected:
@@ -20,7 +20,7 @@ class HardwareRegistryTest : public ::testing::Test {
     return vars + "/" + name + "-" + LinuxHardwareRegistry::kVendorGuid;
   }
 
-  ScratchDir root;
+  TempDirectory root;
   std::string vars = root / "efivars";
   LinuxHardwareRegistry registry{vars, root.path()};
 };

@@ -12,17 +12,11 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/Commands.h"
+#include "platform/testing/TempDirectory.h"
 
 namespace platform {
 namespace {
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 int waitFor(pid_t pid) {
   int status = 0;
@@ -32,7 +26,7 @@ int waitFor(pid_t pid) {
 }
 
 TEST(LinuxProcessTest, ExitFlushesBufferedOutputButRunsNoExitHandlers) {
-  testing::ScratchDir dir;
+  testing::TempDirectory dir;
   std::string out = dir / "out";
   static std::string marker;
   marker = dir / "atexit-ran";
@@ -47,7 +41,7 @@ TEST(LinuxProcessTest, ExitFlushesBufferedOutputButRunsNoExitHandlers) {
   int status = waitFor(pid);
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 3);
-  EXPECT_EQ(readFile(out), "buffered line\n");
+  EXPECT_EQ(testing::contentsOf(out), "buffered line\n");
   EXPECT_NE(::access(marker.c_str(), F_OK), 0);
 }
 

@@ -11,12 +11,12 @@
 #include <thread>
 
 #include "platform/linux/PlistInputCheck.h"
-#include "platform/testing/ScratchDir.h"
+#include "platform/testing/TempDirectory.h"
 
 namespace platform {
 namespace {
 
-using testing::ScratchDir;
+using testing::TempDirectory;
 
 // Value's own == lets numbers of any type match (true == 1); these tests
 // need the stored type to survive too.
@@ -84,6 +84,14 @@ TEST(PropertyListTest, BinaryRoundTripKeepsTypesOrderAndSubSecondDates) {
   auto precise = writeBinaryPropertyList(Value(Date{kMoment + 0.000123}));
   ASSERT_TRUE(precise);
   EXPECT_NEAR(parsePropertyList(*precise)->date()->seconds, kMoment + 0.000123, 2e-6);
+  // Scalars may stand at the top level too.
+  for (const Value& v : {Value(true), Value(std::int64_t{-1}), Value("x"), Value(Data{})}) {
+    auto scalar = writeBinaryPropertyList(v);
+    ASSERT_TRUE(scalar);
+    auto back = parsePropertyList(*scalar);
+    ASSERT_TRUE(back) << v.description();
+    expectIdentical(*back, v);
+  }
 }
 
 TEST(PropertyListTest, XmlRoundTripKeepsTypesAndOrder) {
@@ -95,16 +103,6 @@ TEST(PropertyListTest, XmlRoundTripKeepsTypesAndOrder) {
   auto got = parsePropertyList(bytes);
   ASSERT_TRUE(got) << got.error().description;
   expectIdentical(*got, want);
-}
-
-TEST(PropertyListTest, ScalarsAtTheTopLevel) {
-  for (const Value& v : {Value(true), Value(std::int64_t{-1}), Value("x"), Value(Data{})}) {
-    auto bytes = writeBinaryPropertyList(v);
-    ASSERT_TRUE(bytes);
-    auto got = parsePropertyList(*bytes);
-    ASSERT_TRUE(got) << v.description();
-    expectIdentical(*got, v);
-  }
 }
 
 TEST(PropertyListTest, WritingRefusesWhatTheFormatCannotHold) {
@@ -221,7 +219,7 @@ TEST(PropertyListTest, SharedSubtreesCannotExpandWithoutBound) {
 }
 
 // Runs a Python script with the scratch directory as its argument.
-int runPython(const ScratchDir& dir, const std::string& script) {
+int runPython(const TempDirectory& dir, const std::string& script) {
   std::ofstream(dir / "script.py") << script;
   std::string command = "python3 " + dir / "script.py" + " " + dir.path();
   return std::system(command.c_str());
@@ -240,24 +238,8 @@ def sample(sub):
             "nested": [1, [2, {"k": "v"}], {}, []], "order": {"c": 1, "a": 2, "b": 3}}
 )";
 
-TEST(PropertyListTest, ReadsFilesWrittenByPythonsPlistlib) {
-  ScratchDir dir;
-  ASSERT_EQ(runPython(dir, std::string(kPythonSample) + R"(
-d = sys.argv[1]
-open(d + "/py.bin", "wb").write(plistlib.dumps(sample(True), fmt=plistlib.FMT_BINARY, sort_keys=False))
-open(d + "/py.xml", "wb").write(plistlib.dumps(sample(False), fmt=plistlib.FMT_XML, sort_keys=False))
-)"),
-            0);
-  auto binary = readPropertyListFile(dir / "py.bin");
-  ASSERT_TRUE(binary) << binary.error().description;
-  expectIdentical(*binary, sample(true));
-  auto xml = readPropertyListFile(dir / "py.xml");
-  ASSERT_TRUE(xml) << xml.error().description;
-  expectIdentical(*xml, sample(false));
-}
-
-TEST(PropertyListTest, PythonsPlistlibReadsWhatWeWrite) {
-  ScratchDir dir;
+TEST(PropertyListTest, PythonsPlistlibAndWeReadEachOthersFiles) {
+  TempDirectory dir;
   auto binary = writeBinaryPropertyList(sample(true));
   auto xml = writeXmlPropertyList(sample(false));
   ASSERT_TRUE(binary && xml);
@@ -265,7 +247,7 @@ TEST(PropertyListTest, PythonsPlistlibReadsWhatWeWrite) {
       .write(reinterpret_cast<const char*>(binary->data()),
              static_cast<std::streamsize>(binary->size()));
   std::ofstream(dir / "ours.xml") << *xml;
-  EXPECT_EQ(runPython(dir, std::string(kPythonSample) + R"(
+  ASSERT_EQ(runPython(dir, std::string(kPythonSample) + R"(
 d = sys.argv[1]
 def same(got, want, where="/"):
     assert type(got) is type(want), f"{where}: {type(got)} vs {type(want)}"
@@ -281,12 +263,20 @@ def same(got, want, where="/"):
         assert got == want, f"{where}: {got!r} vs {want!r}"
 same(plistlib.load(open(d + "/ours.bin", "rb")), sample(True))
 same(plistlib.load(open(d + "/ours.xml", "rb")), sample(False))
+open(d + "/py.bin", "wb").write(plistlib.dumps(sample(True), fmt=plistlib.FMT_BINARY, sort_keys=False))
+open(d + "/py.xml", "wb").write(plistlib.dumps(sample(False), fmt=plistlib.FMT_XML, sort_keys=False))
 )"),
             0);
+  auto theirBinary = readPropertyListFile(dir / "py.bin");
+  ASSERT_TRUE(theirBinary) << theirBinary.error().description;
+  expectIdentical(*theirBinary, sample(true));
+  auto theirXml = readPropertyListFile(dir / "py.xml");
+  ASSERT_TRUE(theirXml) << theirXml.error().description;
+  expectIdentical(*theirXml, sample(false));
 }
 
 TEST(PropertyListTest, ReadsWholeStreamsAndReportsMissingFiles) {
-  ScratchDir dir;
+  TempDirectory dir;
   auto missing = readPropertyListFile(dir / "absent.plist");
   ASSERT_FALSE(missing);
   EXPECT_EQ(missing.error().code, ENOENT);

@@ -1,6 +1,8 @@
 #include "platform/testing/Commands.h"
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 
 namespace platform::testing {
 
@@ -12,6 +14,13 @@ std::string run(const std::string& command) {
     ::pclose(p);
   }
   return out;
+}
+
+std::string contentsOf(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
 }
 
 std::string hex(const Data& bytes) {

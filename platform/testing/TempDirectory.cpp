@@ -18,24 +18,26 @@ namespace {
 // not leave an undeletable folder behind.
 void clearImmutable(const std::filesystem::path& root) {
   std::error_code ec;
-  auto clear = [](const std::filesystem::path& p) {
-    int fd = ::open(p.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return;
-    int flags = 0;
-    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL)) {
-      flags &= ~FS_IMMUTABLE_FL;
-      ::ioctl(fd, FS_IOC_SETFLAGS, &flags);
-    }
-    ::close(fd);
-  };
-  clear(root);
+  TempDirectory::setImmutable(root, false);
   for (auto it = std::filesystem::recursive_directory_iterator(root, ec);
        !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-    if (it->is_regular_file(ec) || (it->is_directory(ec) && !it->is_symlink(ec))) clear(it->path());
+    if (it->is_regular_file(ec) || (it->is_directory(ec) && !it->is_symlink(ec)))
+      TempDirectory::setImmutable(it->path(), false);
   }
 }
 
 }  // namespace
+
+bool TempDirectory::setImmutable(const std::string& path, bool on) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return false;
+  int flags = 0;
+  bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+  int wanted = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+  if (ok && wanted != flags) ok = ::ioctl(fd, FS_IOC_SETFLAGS, &wanted) == 0;
+  ::close(fd);
+  return ok;
+}
 
 TempDirectory::TempDirectory(const std::string& base) {
   std::string tmpl = base + "/vexd-test-XXXXXX";

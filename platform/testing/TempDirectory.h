@@ -19,6 +19,10 @@ class TempDirectory {
   std::string write(const std::string& name, const std::string& contents) const;
   std::string mkdir(const std::string& name) const;
 
+  // Sets or clears a file's immutable flag; false where the file system
+  // keeps no such flag. Whatever is left set is cleared before removal.
+  static bool setImmutable(const std::string& path, bool on);
+
  private:
   std::string path_;
 };
