@@ -6,16 +6,10 @@
 #include "logging/Formatter.h"
 #include "platform/Clock.h"
 #include "platform/FileSystem.h"
+#include "platform/Path.h"
 #include "platform/Platform.h"
 
 namespace {
-
-std::string parentFolder(const std::string& path) {
-  std::size_t slash = path.find_last_of('/');
-  if (slash == std::string::npos) return "";
-  if (slash == 0) return "/";
-  return path.substr(0, slash);
-}
 
 std::string expandTilde(const std::string& path) {
   if (path.empty() || path[0] != '~') return path;
@@ -68,7 +62,7 @@ void QLXLogModel::logMessage(const std::string& message) {
 
 bool QLXLogModel::enableLogToFile(const std::string& rawPath) {
   std::string path = expandTilde(rawPath);
-  std::string parent = parentFolder(path);
+  std::string parent = platform::deletingLastPathComponent(path);
   if (!parent.empty() && fileSystem_ && !fileSystem_->exists(parent)) {
     if (!fileSystem_->createDirectory(parent, true)) return false;
   }

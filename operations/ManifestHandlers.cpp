@@ -3,30 +3,19 @@
 #include "operations/QLXHOperations.h"
 #include "vexd_helper/QLXHMessageResponder.h"
 
-namespace {
-
-// A plain lookup: an absent key (or a parameter that is no dictionary)
-// passes an absent value on.
-platform::Value lookup(const platform::Value& parameter, const char* key) {
-  const platform::Dictionary* d = parameter.dictionary();
-  const platform::Value* v = d ? d->find(key) : nullptr;
-  return v ? *v : platform::Value();
-}
-
-}  // namespace
 
 bool QLXHMessageResponder::createDeviceManifest(const platform::Value& parameter) {
   QLXHLog("Entering %s with parameter: %@", "-[QLXHMessageResponder createDeviceManifest:]",
           parameter);
   return QLXHOperations::sharedInstance().createDeviceManifest(
-      lookup(parameter, "Path"), lookup(parameter, "Inclusive").boolValue());
+      parameterValue(parameter, "Path"), parameterValue(parameter, "Inclusive").boolValue());
 }
 
 bool QLXHMessageResponder::createHardLink(const platform::Value& parameter) {
   QLXHLog("Entering %s with parameter: %@", "-[QLXHMessageResponder createHardLink:]",
           parameter);
-  return QLXHOperations::sharedInstance().createHardLinks(lookup(parameter, "FilePath"),
-                                                          lookup(parameter, "StagingPath"));
+  return QLXHOperations::sharedInstance().createHardLinks(parameterValue(parameter, "FilePath"),
+                                                          parameterValue(parameter, "StagingPath"));
 }
 
 bool QLXHMessageResponder::moveStagingToFinal(const platform::Value& parameter) {

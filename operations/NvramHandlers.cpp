@@ -3,17 +3,6 @@
 #include "operations/QLXHOperations.h"
 #include "vexd_helper/QLXHMessageResponder.h"
 
-namespace {
-
-// A plain lookup: an absent key, or a parameter that is no dictionary,
-// passes an absent value on.
-platform::Value lookUp(const platform::Value& parameter, const char* key) {
-  const platform::Dictionary* d = parameter.dictionary();
-  const platform::Value* v = d ? d->find(key) : nullptr;
-  return v ? *v : platform::Value();
-}
-
-}  // namespace
 
 bool QLXHMessageResponder::deleteNvram(const platform::Value& parameter) {
   QLXHLog("Entering %s with parameter: %@", "-[QLXHMessageResponder deleteNvram:]", parameter);
@@ -22,8 +11,8 @@ bool QLXHMessageResponder::deleteNvram(const platform::Value& parameter) {
 
 bool QLXHMessageResponder::writeNvram(const platform::Value& parameter) {
   QLXHLog("Entering %s with parameter: %@", "-[QLXHMessageResponder writeNvram:]", parameter);
-  return QLXHOperations::sharedInstance().writeNVRam(lookUp(parameter, "Name"),
-                                                     lookUp(parameter, "Value"));
+  return QLXHOperations::sharedInstance().writeNVRam(parameterValue(parameter, "Name"),
+                                                     parameterValue(parameter, "Value"));
 }
 
 bool QLXHMessageResponder::reboot(const platform::Value& parameter) {

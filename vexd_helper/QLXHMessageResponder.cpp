@@ -111,3 +111,10 @@ void QLXHMessageResponder::sendData(const platform::Data& data) {
   message.setData("Data", data.data(), data.size());
   sendOne(connection(), std::move(message));
 }
+
+platform::Value QLXHMessageResponder::parameterValue(const platform::Value& parameter,
+                                                     const char* key) {
+  const platform::Dictionary* d = parameter.dictionary();
+  const platform::Value* v = d ? d->find(key) : nullptr;
+  return v ? *v : platform::Value();
+}

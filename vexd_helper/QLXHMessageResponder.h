@@ -46,6 +46,10 @@ class QLXHMessageResponder {
   bool shrinkDataPartition(const platform::Value& parameter);
   bool expandDataPartition(const platform::Value& parameter);
 
+  // A dictionary parameter's value read with a plain lookup: an absent key,
+  // or a parameter that is no dictionary, gives an absent (null) value.
+  static platform::Value parameterValue(const platform::Value& parameter, const char* key);
+
  private:
   // Weak: the responder never keeps a client's connection alive.
   mutable std::mutex connectionLock_;
