@@ -6,11 +6,9 @@
 #include <fstream>
 
 #include "operations/QLXHOperations.h"
-#include "platform/Platform.h"
-#include "platform/linux/LinuxFileSystem.h"
 #include "platform/testing/Commands.h"
+#include "platform/testing/LinuxTestBed.h"
 #include "platform/testing/LogCapture.h"
-#include "platform/testing/TempDirectory.h"
 #include "vexd_helper/QLXHMessageResponder.h"
 
 namespace {
@@ -18,7 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using platform::testing::contentsOf;
 using platform::testing::LogCapture;
-using platform::testing::TempDirectory;
 
 // Ownership changes need root; "daemon" stands in for the mobile account,
 // which the host does not have.
@@ -26,7 +23,6 @@ class ContainerOperationsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to change owners";
-    bundle_.fileSystem = &fileSystem_;
     QLXHOperationsPaths paths;
     paths.rootPreferencesDirectory = (root_ / "root/Library/Preferences/").string();
     paths.mobilePreferencesDirectory = (root_ / "mobile/Library/Preferences/").string();
@@ -44,10 +40,9 @@ class ContainerOperationsTest : public ::testing::Test {
     return st;
   }
 
-  TempDirectory dir_;
-  fs::path root_{dir_.path()};
-  platform::LinuxFileSystem fileSystem_;
-  platform::Platform bundle_;
+  platform::testing::LinuxTestBed bed_;
+  fs::path root_{bed_.dir.path()};
+  platform::Platform& bundle_ = bed_.platform;
   std::unique_ptr<QLXHOperations> ops_;
   LogCapture log_;
 };

@@ -9,38 +9,16 @@
 #include "operations/QLXHOperations.h"
 #include "platform/Platform.h"
 #include "platform/PropertyList.h"
-#include "platform/linux/LinuxFileSystem.h"
-#include "platform/linux/OpenSslDigestService.h"
-#include "platform/testing/ForwardingFileSystem.h"
+#include "platform/testing/LinuxTestBed.h"
 #include "platform/testing/LogCapture.h"
-#include "platform/testing/TempDirectory.h"
 
 namespace {
 
 using platform::testing::LogCapture;
-using platform::testing::TempDirectory;
-
-// A walk that cannot read one entry's type fails as a whole.
-class UnreadableTypes : public platform::testing::ForwardingFileSystem {
- public:
-  using ForwardingFileSystem::ForwardingFileSystem;
-  std::unique_ptr<platform::DirectoryEnumerator> enumeratorAtPath(
-      const std::string& path, platform::EnumerationErrorHandler handler) override {
-    struct Broken : platform::testing::ForwardingDirectoryEnumerator {
-      using ForwardingDirectoryEnumerator::ForwardingDirectoryEnumerator;
-      platform::Result<bool> resourceValue(platform::ResourceKey) override {
-        return platform::Error::posix(5, "Input/output error");
-      }
-    };
-    return std::make_unique<Broken>(inner_.enumeratorAtPath(path, std::move(handler)));
-  }
-};
 
 class DeviceManifestTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    bundle_.fileSystem = &fileSystem_;
-    bundle_.digests = &digests_;
     paths_.dataAreaRoot = dir_ / "private/var";
     paths_.dataAreaBase = dir_ / "private";
     paths_.dataAreaSkipList = {dir_ / "private/var/mobile/Containers",
@@ -59,10 +37,9 @@ class DeviceManifestTest : public ::testing::Test {
     return parsed.ok() && parsed->dictionary() ? *parsed->dictionary() : platform::Dictionary();
   }
 
-  TempDirectory dir_;
-  platform::LinuxFileSystem fileSystem_;
-  platform::OpenSslDigestService digests_;
-  platform::Platform bundle_;
+  platform::testing::LinuxTestBed bed_;
+  platform::testing::TempDirectory& dir_ = bed_.dir;
+  platform::Platform& bundle_ = bed_.platform;
   QLXHOperationsPaths paths_;
   std::vector<std::int64_t> progress_;
   LogCapture log_;
@@ -110,10 +87,9 @@ TEST_F(DeviceManifestTest, OtherPathsAreTheirOwnBaseSkipTheirHiddenEntriesAndRep
 TEST_F(DeviceManifestTest, AFailedWalkKeepsThePreviousManifest) {
   dir_.write("media/a", "a");
   dir_.write("private/var/QLXWorkContainer/DeviceManifest.plist", "previous");
-  UnreadableTypes faulty(fileSystem_);
-  platform::Platform bundle = bundle_;
-  bundle.fileSystem = &faulty;
-  QLXHOperations ops(bundle, paths_);
+  // A walk that cannot read one entry's type fails as a whole.
+  bed_.fs.failResource(dir_ / "media/a", platform::ResourceKey::IsRegularFile);
+  QLXHOperations ops(bundle_, paths_);
   EXPECT_FALSE(ops.createDeviceManifest(platform::Value(dir_ / "media"), false));
   EXPECT_TRUE(log_.contains("Cannot create device manifest - 1"));
   std::ifstream in(paths_.deviceManifestPath);
