@@ -342,13 +342,14 @@ def raw_exchange(data, wait=2.0):
 
 @contextlib.contextmanager
 def python_entitled():
-    """This interpreter granted the entitlement for a while, so that a test
-    can speak the wire format itself."""
+    """This interpreter, run as root, granted the entitlement for a while, so
+    that a test can speak the wire format itself."""
     import plistlib
     path = "/etc/ovix/entitlements.d/zz-system-test-python.plist"
     with open(path, "wb") as f:
         plistlib.dump({"Program": os.path.realpath(sys.executable),
-                       "Entitlements": {"com.velmor.private.quillex.quillexd": True}}, f)
+                       "Entitlements": {"com.velmor.private.quillex.quillexd": True},
+                       "Users": ["root"]}, f)
     os.chmod(path, 0o644)
     try:
         yield
