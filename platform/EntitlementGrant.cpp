@@ -37,8 +37,8 @@ std::optional<std::optional<std::vector<EntitlementGrant::Account>>> readAccount
 
 // "501" names uid 501 when no account is called "501", as chown reads it.
 std::optional<std::uint32_t> numericName(const std::string& name) {
-  if (name.size() > 10 || !std::all_of(name.begin(), name.end(),
-                                       [](char c) { return c >= '0' && c <= '9'; }))
+  if (name.size() > 10 ||
+      !std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; }))
     return std::nullopt;
   std::uint64_t id = std::stoull(name);
   if (id > kMaxID) return std::nullopt;

@@ -80,8 +80,8 @@ TEST_F(EntitlementGrantTest, AMalformedAccountListVoidsTheGrant) {
     }
   }
   // The largest ID an account can have is still one.
-  EXPECT_TRUE(EntitlementGrant::fromValue(
-      grantWith({{"Users", Array{std::uint64_t{0xfffffffeULL}, 0}}})));
+  EXPECT_TRUE(
+      EntitlementGrant::fromValue(grantWith({{"Users", Array{std::uint64_t{0xfffffffeULL}, 0}}})));
 }
 
 TEST_F(EntitlementGrantTest, UsersAreMatchedByTheSendersUid) {

@@ -1,12 +1,12 @@
 #include "platform/linux/LinuxGatecards.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <grp.h>
 #include <unistd.h>
 
 #include <cstdlib>
