@@ -12,6 +12,9 @@
 #include "platform/Value.h"
 
 class QLXFileHashSource;
+namespace platform {
+class FileItem;
+}
 
 class QLXFileMetadata {
  public:
@@ -55,6 +58,9 @@ class QLXFileMetadata {
   // Applies ownership, permissions, protection class and extended
   // attributes to the object at the path.
   bool restoreAttribuesToPath(const std::string& path) const;
+  // The same onto an object already reached (messages name it by path), for
+  // trees where something else could be put at the path meanwhile.
+  bool restoreAttribuesToPath(const std::string& path, platform::FileItem& item) const;
   // 0 other absent, 1 types differ, 2 contents differ, 3 link targets
   // differ, 4 ownership or permissions differ, 5 extended attributes
   // differ, 6 no difference.

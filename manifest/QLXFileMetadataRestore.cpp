@@ -4,6 +4,7 @@
 #include "logging/QLXHLog.h"
 #include "manifest/QLXFileMetadata.h"
 #include "platform/FileSystem.h"
+#include "platform/PathItem.h"
 
 using platform::Data;
 using platform::Dictionary;
@@ -50,7 +51,12 @@ Dictionary QLXFileMetadata::fileAttributesAllowSet(const Dictionary& attributes)
 }
 
 bool QLXFileMetadata::restoreAttribuesToPath(const std::string& path) const {
-  platform::FileSystem& fs = *platform_->fileSystem;
+  platform::PathItem item(*platform_->fileSystem, path);
+  return restoreAttribuesToPath(path, item);
+}
+
+bool QLXFileMetadata::restoreAttribuesToPath(const std::string& path,
+                                             platform::FileItem& item) const {
   static const Dictionary kNone;
   const Dictionary* recorded = getFileAttributes();
   const Dictionary& attributes = recorded ? *recorded : kNone;
@@ -64,12 +70,12 @@ bool QLXFileMetadata::restoreAttribuesToPath(const std::string& path) const {
   if (isType(getFileType(), attr::kTypeSymbolicLink)) {
     // A link is owned and moded as itself; what the kernel refuses here
     // (Linux links have no mode) does not matter to the caller.
-    (void)fs.lchown(path, static_cast<std::uint32_t>(number(attr::kOwnerAccountID).int64Value()),
-                    static_cast<std::uint32_t>(number(attr::kGroupOwnerAccountID).int64Value()));
-    (void)fs.lchmod(path, static_cast<std::uint16_t>(number(attr::kPosixPermissions).int64Value()));
+    (void)item.lchown(static_cast<std::uint32_t>(number(attr::kOwnerAccountID).int64Value()),
+                      static_cast<std::uint32_t>(number(attr::kGroupOwnerAccountID).int64Value()));
+    (void)item.lchmod(static_cast<std::uint16_t>(number(attr::kPosixPermissions).int64Value()));
   } else {
     Dictionary settable = fileAttributesAllowSet(attributes);
-    if (platform::Status s = fs.setAttributes(settable, path); !s) {
+    if (platform::Status s = item.setAttributes(settable); !s) {
       QLXHLog("Could not set file attributs at %@ with error - %@, attributes = %@", path,
               s.error(), settable);
       return false;
@@ -78,7 +84,7 @@ bool QLXFileMetadata::restoreAttribuesToPath(const std::string& path) const {
     Dictionary protection;
     const Value* protectionClass = attributes.find(attr::kProtectionKey);
     if (protectionClass) protection.set(attr::kProtectionKey, *protectionClass);
-    if (platform::Status s = fs.setAttributes(protection, path); !s) {
+    if (platform::Status s = item.setAttributes(protection); !s) {
       QLXHLog("Could not set file protection key at %@ with error - %@, attributes = %@", path,
               s.error(), protectionClass ? *protectionClass : Value());
       return false;
@@ -99,7 +105,7 @@ bool QLXFileMetadata::restoreAttribuesToPath(const std::string& path) const {
         QLXHLog("Got non-data value");
         return pending;
       }
-      if (!fs.setExtendedAttribute(path, name, *bytes)) {
+      if (!item.setExtendedAttribute(name, *bytes)) {
         QLXHLog("Could not set extended attributes on %@", path);
         return pending;
       }

@@ -54,12 +54,27 @@ const Dictionary* fileListFor(const QLXSignedManifest& manifest, const Value& ty
 
 // The staged tree belongs to an unprivileged client, which could swap a
 // folder for a link to somewhere else and have root re-own what lies there.
-// Every folder between the root and the file must therefore be a real
-// folder, and ".." may not climb out; a missing folder is left to the
+// The root and every folder between it and the file must therefore be real
+// folders, and ".." may not climb out; a missing folder is left to the
 // file's own restore to report. Folders found real are remembered. Answers
-// why the path is refused, or nothing.
+// why the path is refused, or nothing. This check names the culprit; the
+// confined folder is what keeps a later swap from redirecting anything.
 std::string whyRefused(platform::FileSystem& fileSystem, const std::string& root,
                        const std::string& relativePath, std::set<std::string>& realFolders) {
+  auto isRealFolder = [&](const std::string& here, bool& exists) {
+    platform::Result<Dictionary> attributes = fileSystem.attributesOfItem(here);
+    exists = attributes.ok();
+    const Value* type = exists ? attributes->find(platform::attr::kFileType) : nullptr;
+    return type && type->string() && *type->string() == platform::attr::kTypeDirectory;
+  };
+  bool exists = false;
+  if (realFolders.count("") == 0) {
+    std::string here = platform::appendPathComponent(root, "");
+    if (isRealFolder(here, exists))
+      realFolders.insert("");
+    else if (exists)
+      return here + " is not a real folder";
+  }
   std::string partial;
   std::size_t start = 0;
   while (start <= relativePath.size()) {
@@ -72,11 +87,7 @@ std::string whyRefused(platform::FileSystem& fileSystem, const std::string& root
     if (component == "..") return "\"..\" leaves the staging root";
     if (last || realFolders.count(partial) != 0) continue;
     std::string here = platform::appendPathComponent(root, partial);
-    platform::Result<Dictionary> attributes = fileSystem.attributesOfItem(here);
-    if (!attributes) return {};
-    const Value* type = attributes->find(platform::attr::kFileType);
-    if (!type || !type->string() || *type->string() != platform::attr::kTypeDirectory)
-      return here + " is not a real folder";
+    if (!isRealFolder(here, exists)) return exists ? here + " is not a real folder" : "";
     realFolders.insert(partial);
   }
   return {};
@@ -123,6 +134,10 @@ bool QLXHOperations::restoreAttributesUnder(const Value& root, const Value& mani
     return false;
   }
   std::set<std::string> realFolders;
+  // Held open once: every file is reached from this very folder without
+  // following links, whatever is renamed in the tree or at its path later.
+  std::unique_ptr<platform::ConfinedFolder> staged =
+      platform_.fileSystem->openConfinedFolder(*rootPath);
   // Relative paths are the manifest's keys and so always strings. Each pass
   // makes and drops its own record, so memory stays flat over long lists.
   for (const std::string& relativePath : manifest.pathSet()) {
@@ -137,7 +152,8 @@ bool QLXHOperations::restoreAttributesUnder(const Value& root, const Value& mani
       return false;
     }
     std::string target = platform::appendPathComponent(*rootPath, relativePath);
-    if (!record->restoreAttribuesToPath(target)) return false;
+    std::unique_ptr<platform::FileItem> item = staged->openItem(relativePath);
+    if (!record->restoreAttribuesToPath(target, *item)) return false;
   }
   return true;
 }

@@ -5,13 +5,16 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
 
 #include "manifest/QLXManifest.h"
 #include "operations/QLXHOperations.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/testing/Commands.h"
+#include "platform/testing/ForwardingFileSystem.h"
 #include "platform/testing/LogCapture.h"
 #include "platform/testing/TempDirectory.h"
 #include "platform/testing/TestContentSigners.h"
@@ -279,6 +282,58 @@ TEST_F(RestoreTest, StagedLinksAndClimbingPathsAreNotFollowed) {
     EXPECT_EQ(lastLogged(),
               std::string("Refusing to restore ") + climbing + ": \"..\" leaves the staging root");
   }
+  EXPECT_EQ(snapshot(dir / "victim"), victimBefore);
+}
+
+// A file system that runs `then` once, right after answering for `path`: an
+// unprivileged client's swap landing between the check and the change.
+struct SwapAfterCheck : platform::testing::ForwardingFileSystem {
+  using ForwardingFileSystem::ForwardingFileSystem;
+  platform::Result<Dictionary> attributesOfItem(const std::string& p) override {
+    auto answer = inner().attributesOfItem(p);
+    if (p == path && then) std::exchange(then, nullptr)();
+    return answer;
+  }
+  std::string path;
+  std::function<void()> then;
+};
+
+TEST_F(RestoreTest, SwapsAfterTheCheckRedirectNothing) {
+  std::string victim = dir.write("victim/level.dat", "keep");
+  ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
+  std::string victimBefore = snapshot(dir / "victim");
+  std::string manifestPath = sign(Value(backup));
+  SwapAfterCheck swapping(fileSystem);
+  signers.platform.fileSystem = &swapping;
+  auto swapForLink = [&](const std::string& path) {
+    fs::rename(path, path + ".real");
+    fs::create_directory_symlink(dir / "victim", path);
+  };
+
+  // A folder found real, then replaced: the files below it are refused.
+  scramble(staging);
+  swapping.path = dir / "staging/Data";
+  swapping.then = [&] { swapForLink(dir / "staging/Data"); };
+  EXPECT_FALSE(restore(staging, Value(manifestPath)));
+  EXPECT_TRUE(lastLogged().starts_with("Could not set file attributs at " + staging +
+                                       "/Data/level.dat with error - " + std::strerror(ELOOP)))
+      << lastLogged();
+  EXPECT_EQ(snapshot(dir / "victim"), victimBefore);
+  fs::remove(dir / "staging/Data");
+  fs::rename(dir / "staging/Data.real", dir / "staging/Data");
+
+  // The staging folder itself, replaced once checked: the restore goes on in
+  // the folder it held from the start.
+  scramble(staging);
+  swapping.path = staging;
+  swapping.then = [&] { swapForLink(staging); };
+  EXPECT_TRUE(restore(staging, Value(manifestPath))) << lastLogged();
+  EXPECT_EQ(snapshot(staging + ".real"), recorded);
+  EXPECT_EQ(snapshot(dir / "victim"), victimBefore);
+
+  // A staging folder that is a link from the start is refused.
+  EXPECT_FALSE(restore(staging, Value(manifestPath)));
+  EXPECT_EQ(lastLogged(), "Refusing to restore /: " + staging + " is not a real folder");
   EXPECT_EQ(snapshot(dir / "victim"), victimBefore);
 }
 

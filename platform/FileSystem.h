@@ -82,6 +82,33 @@ class ReadableFile {
   virtual Result<std::size_t> read(std::span<std::uint8_t> buffer) = 0;
 };
 
+// One object of the file system, reached once and held: every change lands
+// on that very object, whatever is renamed or put at its path afterwards.
+// Errors name the path the object was reached by.
+class FileItem {
+ public:
+  virtual ~FileItem() = default;
+  // As FileSystem::setAttributes.
+  virtual Status setAttributes(const Dictionary& attributes) = 0;
+  virtual Status setExtendedAttribute(const std::string& name,
+                                      std::span<const std::uint8_t> value) = 0;
+  // Ownership and permission bits of the object itself, links included.
+  virtual Status lchown(std::uint32_t owner, std::uint32_t group) = 0;
+  virtual Status lchmod(std::uint16_t mode) = 0;
+};
+
+// A folder held open, below which objects are reached without following any
+// symbolic link and without leaving the folder, for trees that someone less
+// trusted can rename things in.
+class ConfinedFolder {
+ public:
+  virtual ~ConfinedFolder() = default;
+  // The object at a path relative to the folder ("/" is the folder itself).
+  // One that cannot be reached (missing, a link or a non-folder on the way,
+  // a ".." component) answers every call with the reason.
+  virtual std::unique_ptr<FileItem> openItem(const std::string& relativePath) = 0;
+};
+
 class FileSystem {
  public:
   virtual ~FileSystem() = default;
@@ -130,6 +157,11 @@ class FileSystem {
   // Ownership and permission bits of the item itself, links included.
   virtual Status lchown(const std::string& path, std::uint32_t owner, std::uint32_t group) = 0;
   virtual Status lchmod(const std::string& path, std::uint16_t mode) = 0;
+
+  // Holds the folder at path open: links among the folders above it are
+  // followed, the folder's own name is not. When it cannot be opened, every
+  // item of it answers with the reason. Lives no longer than this object.
+  virtual std::unique_ptr<ConfinedFolder> openConfinedFolder(const std::string& path) = 0;
 };
 
 }  // namespace platform

@@ -2,16 +2,16 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
-
-#include <stdlib.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "platform/linux/LinuxConfinedFolder.h"
 #include "platform/linux/UniqueFd.h"
 
 namespace platform {
@@ -179,6 +179,10 @@ Status LinuxFileSystem::lchmod(const std::string& path, std::uint16_t mode) {
   if (::fchmodat(AT_FDCWD, path.c_str(), mode & 07777, AT_SYMLINK_NOFOLLOW) != 0)
     return posixError(errno, path);
   return {};
+}
+
+std::unique_ptr<ConfinedFolder> LinuxFileSystem::openConfinedFolder(const std::string& path) {
+  return std::make_unique<LinuxConfinedFolder>(path, accounts_);
 }
 
 Result<std::size_t> LinuxFileSystem::listExtendedAttributes(const std::string& path,

@@ -36,6 +36,7 @@ class LinuxFileSystem : public FileSystem {
 
   Status lchown(const std::string& path, std::uint32_t owner, std::uint32_t group) override;
   Status lchmod(const std::string& path, std::uint16_t mode) override;
+  std::unique_ptr<ConfinedFolder> openConfinedFolder(const std::string& path) override;
 
  private:
   LinuxAccountNames accounts_;

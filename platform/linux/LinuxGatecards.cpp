@@ -13,6 +13,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/EntitlementGrant.h"
 #include "platform/PropertyList.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/UniqueFd.h"
@@ -30,25 +31,60 @@ bool trustedByRoot(const struct stat& st) {
   return st.st_uid == 0 && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
+// A small text file of /proc, read whole (its size reads as 0, so read to
+// the end); nothing when it cannot be read.
+std::optional<std::string> readProcText(const std::string& path) {
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) return std::nullopt;
+  std::string text;
+  char buf[4096];
+  for (;;) {
+    ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return std::nullopt;
+    if (n == 0) return text;
+    text.append(buf, static_cast<std::size_t>(n));
+    if (text.size() > (1u << 16)) return text;  // the fields wanted come first
+  }
+}
+
+// The text after "Field:" on its own line of a /proc status-like file.
+std::optional<std::string> fieldOf(const std::string& text, const std::string& field) {
+  std::string key = field + ":";
+  std::size_t at = text.starts_with(key) ? 0 : text.find("\n" + key);
+  if (at == std::string::npos) return std::nullopt;
+  at = text.find(':', at) + 1;
+  std::size_t end = text.find('\n', at);
+  return text.substr(at, end == std::string::npos ? std::string::npos : end - at);
+}
+
 // The pid a pidfd refers to, as the kernel reports it: -1 once that process
 // has exited; nothing when the descriptor is not a pidfd.
 std::optional<long> pidOfPidfd(int pidfd) {
-  std::string path = "/proc/self/fdinfo/" + std::to_string(pidfd);
-  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.valid()) return std::nullopt;
-  char buf[4096];
-  ssize_t n;
-  do n = ::read(fd.get(), buf, sizeof buf - 1);
-  while (n < 0 && errno == EINTR);
-  if (n <= 0) return std::nullopt;
-  std::string text(buf, static_cast<std::size_t>(n));
-  std::size_t at = text.starts_with("Pid:") ? 0 : text.find("\nPid:");
-  if (at == std::string::npos) return std::nullopt;
-  at = text.find(':', at) + 1;
+  auto text = readProcText("/proc/self/fdinfo/" + std::to_string(pidfd));
+  auto field = text ? fieldOf(*text, "Pid") : std::nullopt;
+  if (!field) return std::nullopt;
   char* end = nullptr;
-  long pid = std::strtol(text.c_str() + at, &end, 10);
-  if (end == text.c_str() + at) return std::nullopt;
+  long pid = std::strtol(field->c_str(), &end, 10);
+  if (end == field->c_str()) return std::nullopt;
   return pid;
+}
+
+// The supplementary groups of a process ("Groups:" of its status).
+std::optional<std::vector<std::uint32_t>> supplementaryGroups(long pid) {
+  auto text = readProcText("/proc/" + std::to_string(pid) + "/status");
+  auto field = text ? fieldOf(*text, "Groups") : std::nullopt;
+  if (!field) return std::nullopt;
+  std::vector<std::uint32_t> groups;
+  const char* at = field->c_str();
+  for (;;) {
+    char* end = nullptr;
+    unsigned long gid = std::strtoul(at, &end, 10);
+    if (end == at) break;
+    groups.push_back(static_cast<std::uint32_t>(gid));
+    at = end;
+  }
+  return groups;
 }
 
 Result<Data> readSmallFile(int dirFd, const std::string& name) {
@@ -93,6 +129,12 @@ Result<Gatecard> LinuxGatecards::createFromAuditToken(const AuditToken& token) {
   UniqueFd image(::open(exe.c_str(), O_PATH | O_CLOEXEC));
   struct stat running {};
   if (!image.valid() || ::fstat(image.get(), &running) != 0) return posixError(errno, exe);
+  // The user and group are those the message was sent with; supplementary
+  // groups can only be read from the process as it is now.
+  GrantSender sender{token.uid, {token.gid}};
+  auto groups = supplementaryGroups(token.pid);
+  if (!groups) return posixError(ESRCH, who + " has no readable status");
+  sender.gids.insert(sender.gids.end(), groups->begin(), groups->end());
   // Checked again after reading: the answers above belong to the peer only
   // if its pid did not change hands meanwhile.
   if (!stillThePeer()) return posixError(ESRCH, who + " has exited or its pid was reused");
@@ -104,12 +146,14 @@ Result<Gatecard> LinuxGatecards::createFromAuditToken(const AuditToken& token) {
   if (::stat(card.program.c_str(), &named) != 0 || named.st_dev != running.st_dev ||
       named.st_ino != running.st_ino)
     return posixError(ESTALE, card.program + " no longer names the program " + who + " runs");
-  if (trustedByRoot(running)) card.entitlements = grantsFor(card.program);
+  if (trustedByRoot(running)) card.entitlements = grantsFor(card.program, sender);
   return card;
 }
 
-Dictionary LinuxGatecards::grantsFor(const std::string& program) {
+Dictionary LinuxGatecards::grantsFor(const std::string& program, const GrantSender& sender) {
   Dictionary merged;
+  AccountIDLookup userID = [this](const std::string& name) { return accounts_.userID(name); };
+  AccountIDLookup groupID = [this](const std::string& name) { return accounts_.groupID(name); };
   UniqueFd dirFd(::open(grantDirectory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   struct stat st {};
   if (!dirFd.valid() || ::fstat(dirFd.get(), &st) != 0 || !trustedByRoot(st)) return merged;
@@ -126,14 +170,13 @@ Dictionary LinuxGatecards::grantsFor(const std::string& program) {
   for (const std::string& name : names) {
     auto bytes = readSmallFile(dirFd.get(), name);
     if (!bytes) continue;
-    auto grant = parsePropertyList(*bytes);
-    if (!grant || !grant->dictionary()) continue;
-    const Value* granted = grant->dictionary()->find("Program");
-    const Value* entitlements = grant->dictionary()->find("Entitlements");
-    if (!granted || !granted->string() || *granted->string() != program || !entitlements ||
-        !entitlements->dictionary())
-      continue;
-    for (const auto& [key, value] : *entitlements->dictionary()) merged.set(key, value);
+    auto parsed = parsePropertyList(*bytes);
+    auto grant = parsed ? EntitlementGrant::fromValue(*parsed) : std::nullopt;
+    if (!grant || grant->program() != program) continue;
+    // A grant for other accounts is skipped whole, so it neither grants nor
+    // overrides anything for this sender.
+    if (!grant->holdsFor(sender, userID, groupID)) continue;
+    for (const auto& [key, value] : grant->entitlements()) merged.set(key, value);
   }
   return merged;
 }

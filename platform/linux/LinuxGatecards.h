@@ -1,10 +1,13 @@
 // Credentials from /proc and entitlement grants from root-owned property
-// lists (see docs/entitlements.md).
+// lists, each for a program and optionally for some accounts only (see
+// docs/entitlements.md).
 #pragma once
 
 #include <string>
 
+#include "platform/EntitlementGrant.h"
 #include "platform/Gatecards.h"
+#include "platform/linux/LinuxAccountNames.h"
 
 namespace platform {
 
@@ -17,9 +20,10 @@ class LinuxGatecards : public Gatecards {
   Result<Gatecard> createFromAuditToken(const AuditToken& token) override;
 
  private:
-  Dictionary grantsFor(const std::string& program);
+  Dictionary grantsFor(const std::string& program, const GrantSender& sender);
 
   std::string grantDirectory_;
+  LinuxAccountNames accounts_;
 };
 
 }  // namespace platform

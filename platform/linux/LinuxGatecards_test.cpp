@@ -1,6 +1,7 @@
 #include "platform/linux/LinuxGatecards.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -23,15 +24,17 @@ namespace fs = std::filesystem;
 
 const char* kEntitlement = "com.velmor.private.quillex.quillexd";
 
-// A child process running `program`, with a pidfd taken once it has
-// exec'd (the close-on-exec pipe tells when). Killed and reaped at the end.
+// A child process running `program` (with the supplementary groups given,
+// if any), with a pidfd taken once it has exec'd (the close-on-exec pipe
+// tells when). Killed and reaped at the end.
 class Child {
  public:
-  explicit Child(const std::string& program) {
+  explicit Child(const std::string& program, const std::vector<gid_t>& groups = {}) {
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0) std::abort();
     pid_ = ::fork();
     if (pid_ == 0) {
+      if (!groups.empty() && ::setgroups(groups.size(), groups.data()) != 0) ::_exit(126);
       ::execl(program.c_str(), program.c_str(), "30", static_cast<char*>(nullptr));
       ::_exit(127);
     }
@@ -74,10 +77,11 @@ class GatecardsTest : public ::testing::Test {
  protected:
   // A grant file, written root-owned and 0644 unless a test changes it.
   void grant(const std::string& name, const std::string& program, Dictionary entitlements,
-             const std::string& dir = "") {
-    std::string path = (dir.empty() ? grants.path() : dir) + "/" + name;
-    auto text = writeXmlPropertyList(
-        Value(Dictionary{{"Program", program}, {"Entitlements", std::move(entitlements)}}));
+             Dictionary accounts = {}) {
+    std::string path = grants.path() + "/" + name;
+    Dictionary contents{{"Program", program}, {"Entitlements", std::move(entitlements)}};
+    for (const auto& [key, value] : accounts) contents.set(key, value);
+    auto text = writeXmlPropertyList(Value(std::move(contents)));
     std::ofstream(path) << *text;
     ::chmod(path.c_str(), 0644);
   }
@@ -175,6 +179,35 @@ TEST_F(GatecardsTest, TokensThatNoLongerNameTheirPeerAreRefused) {
   ::close(notAPidfd);
   EXPECT_FALSE(gatecards.createFromAuditToken(AuditToken{0, 0, 0, other.pidfd()}));
   EXPECT_TRUE(gatecards.createFromAuditToken(other.token()));
+}
+
+TEST_F(GatecardsTest, GrantsForSomeAccountsHoldOnlyForTheirSenders) {
+  if (::geteuid() != 0) GTEST_SKIP() << "supplementary groups need root";
+  grant("10-base.plist", sleepPath, {{kEntitlement, true}});
+  grant("20-root.plist", sleepPath, {{"x.root", true}}, {{"Users", Array{"root"}}});
+  grant("30-user.plist", sleepPath, {{"x.user", true}, {kEntitlement, false}},
+        {{"Users", Array{4321}}});
+  grant("40-group.plist", sleepPath, {{"x.group", true}}, {{"Groups", Array{4444}}});
+  grant("50-malformed.plist", sleepPath, {{"x.malformed", true}, {kEntitlement, false}},
+        {{"Users", "root"}});
+  Child plain(sleepPath), member(sleepPath, {4444});
+
+  auto entitlementsOf = [&](const Child& child, std::uint32_t uid, std::uint32_t gid) {
+    AuditToken token = child.token();
+    token.uid = uid;
+    token.gid = gid;
+    auto card = gatecards.createFromAuditToken(token);
+    EXPECT_TRUE(card) << card.error().description;
+    return card ? card->entitlements : Dictionary{};
+  };
+  EXPECT_EQ(entitlementsOf(plain, 0, 0), (Dictionary{{kEntitlement, true}, {"x.root", true}}));
+  // A later grant for an account overrides the base for that account only.
+  EXPECT_EQ(entitlementsOf(plain, 4321, 4321),
+            (Dictionary{{kEntitlement, false}, {"x.user", true}}));
+  EXPECT_EQ(entitlementsOf(plain, 1, 4444), (Dictionary{{kEntitlement, true}, {"x.group", true}}));
+  // Supplementary groups are read from the process itself.
+  EXPECT_EQ(entitlementsOf(member, 1, 1), (Dictionary{{kEntitlement, true}, {"x.group", true}}));
+  EXPECT_EQ(entitlementsOf(plain, 1, 1), (Dictionary{{kEntitlement, true}}));
 }
 
 TEST_F(GatecardsTest, ABinaryReplacedUnderItsPathIsRefused) {

@@ -72,5 +72,8 @@ Status ForwardingFileSystem::lchown(const std::string& path, std::uint32_t owner
 Status ForwardingFileSystem::lchmod(const std::string& path, std::uint16_t mode) {
   return inner_.lchmod(path, mode);
 }
+std::unique_ptr<ConfinedFolder> ForwardingFileSystem::openConfinedFolder(const std::string& path) {
+  return inner_.openConfinedFolder(path);
+}
 
 }  // namespace platform::testing

@@ -33,6 +33,7 @@ class ForwardingFileSystem : public FileSystem {
                               std::span<const std::uint8_t> value) override;
   Status lchown(const std::string& path, std::uint32_t owner, std::uint32_t group) override;
   Status lchmod(const std::string& path, std::uint16_t mode) override;
+  std::unique_ptr<ConfinedFolder> openConfinedFolder(const std::string& path) override;
 
   FileSystem& inner() { return inner_; }
 

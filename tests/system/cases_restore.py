@@ -4,10 +4,13 @@ with."""
 import datetime
 import hashlib
 import os
+import signal
+import time
 
 import signed_manifest as sm
-from harness import (SIGNING, case, ctl, entering, expect_equal, expect_fail,
-                     expect_pass, mode_of, owner_of, remove, secure_boot, write)
+from harness import (SIGNING, case, ctl, entering, expect, expect_equal, expect_fail,
+                     expect_pass, mobile_ids, mode_of, owner_of, prepare_work_container, remove,
+                     secure_boot, write)
 
 STAGING = "/private/var/QLXWorkContainer/QLX_staging"
 SIGNED = "/private/var/mobile/Media/Downloads/content.signed"
@@ -177,3 +180,96 @@ def missing_manifest_file(log):
     remove(SIGNED)
     expect_fail(restore(log)[0])
     log.expect("Loading signed manifest.")
+
+
+def etc_state(names):
+    """Owner, mode, times and extended attributes of /etc and the named
+    entries in it, none followed."""
+    state = {}
+    for path in ["/etc"] + [f"/etc/{n}" for n in names]:
+        st = os.lstat(path)
+        xattrs = {}
+        if not os.path.islink(path):
+            xattrs = {a: os.getxattr(path, a, follow_symlinks=False)
+                      for a in os.listxattr(path, follow_symlinks=False)}
+        state[path] = (st.st_uid, st.st_gid, oct(st.st_mode), st.st_mtime_ns, xattrs)
+    return state
+
+
+def swap_for_etc_until(deadline, uid, gid, folders):
+    """A child that, as mobile, keeps swapping each staged folder for a link
+    to /etc and back until the deadline; answers its pid."""
+    pid = os.fork()
+    if pid:
+        return pid
+    try:
+        os.setgroups([])
+        os.setgid(gid)
+        os.setuid(uid)
+        while time.monotonic() < deadline:
+            for folder in folders:
+                try:
+                    os.rename(folder, folder + ".real")
+                    os.symlink("/etc", folder)
+                    time.sleep(0.0005)
+                    os.unlink(folder)
+                    os.rename(folder + ".real", folder)
+                except OSError:
+                    pass
+    finally:
+        os._exit(0)
+
+
+@case("restore")
+def staged_folder_swapped_for_etc_mid_restore_leaves_etc_alone(log):
+    # Staged files named like /etc's own, with records that would make them
+    # mobile's and world-writable wherever a swapped folder led root.
+    names = sorted(n for n in os.listdir("/etc")
+                   if os.path.isfile(f"/etc/{n}") and not os.path.islink(f"/etc/{n}"))[:40]
+    prepare_work_container()
+    remove(STAGING)
+    uid, gid = mobile_ids()
+    for name in names:
+        write(f"{STAGING}/Data/{name}", b"staged", 0o600)
+    for folder, _, files in os.walk(STAGING):
+        for path in [folder] + [os.path.join(folder, f) for f in files]:
+            os.chown(path, uid, gid)
+    folder_record = sm.record("Directory", "mobile", "mobile", 0o777, MTIME,
+                              {"user.velmor.origin": b"store"})
+    backup = {"/": folder_record, "/Data": folder_record}
+    for name in names:
+        backup[f"/Data/{name}"] = sm.record("Regular", "mobile", "mobile", 0o777, MTIME,
+                                            {"user.velmor.origin": b"store"},
+                                            hashlib.sha1(b"staged").digest())
+    sign(sm.payload(backup))
+    before = etc_state(names)
+
+    deadline = time.monotonic() + 4
+    swapper = swap_for_etc_until(deadline, uid, gid, [f"{STAGING}/Data", STAGING])
+    restores = 0
+    try:
+        while time.monotonic() < deadline:
+            ctl("restoreAttributes:", {"StagingRootPath": STAGING, "ManifestPath": SIGNED},
+                timeout=5)
+            restores += 1
+    finally:
+        os.kill(swapper, signal.SIGKILL)
+        os.waitpid(swapper, 0)
+    # The swapper may have been stopped halfway; the staging folder first,
+    # as the other lies inside it.
+    for folder in (STAGING, f"{STAGING}/Data"):
+        if os.path.isdir(folder + ".real"):
+            if os.path.islink(folder):
+                os.unlink(folder)
+            os.rename(folder + ".real", folder)
+
+    # Replies are not judged here: which restores pass depends on the swaps.
+    expect_equal(etc_state(names), before, "/etc after restores raced by folder swaps")
+    expect(restores >= 3, f"only {restores} restores ran in the time given")
+    # Unraced, the same content restores in full, once every raced client
+    # is gone.
+    log.wait_for(lambda m: log.messages().count("Ovix disconnected by client") >=
+                 log.messages().count("Start to deal with new connection"), 5, "the disconnects")
+    expect_pass(restore(log)[0])
+    expect_equal(oct(mode_of(f"{STAGING}/Data/{names[0]}")), oct(0o777), "mode once unraced")
+    remove(STAGING)

@@ -232,8 +232,10 @@ class Reply:
         return f"exit {self.code}, output {self.out.strip()!r}, errors {self.err.strip()!r}"
 
 
-def ctl(request=None, parameter=None, *, message=None, timeout=10, program=None, log=None):
-    """Runs vexdctl once. A request the daemon does not serve yet shows as such."""
+def ctl(request=None, parameter=None, *, message=None, timeout=10, program=None, log=None,
+        user=None):
+    """Runs vexdctl once (as root, or as the account user names). A request
+    the daemon does not serve yet shows as such."""
     args = [program or VEXDCTL, "--timeout", str(timeout)]
     if message is not None:
         args += ["--message", json.dumps(message)]
@@ -243,6 +245,11 @@ def ctl(request=None, parameter=None, *, message=None, timeout=10, program=None,
             args.append(json.dumps(parameter))
     if not os.access(args[0], os.X_OK):
         raise Failure(f"vexdctl is not built ({args[0]})")
+    if user is not None:
+        import pwd
+        entry = pwd.getpwnam(user)
+        args = ["setpriv", f"--reuid={entry.pw_uid}", f"--regid={entry.pw_gid}",
+                "--init-groups"] + args
     proc = subprocess.run(args, capture_output=True, text=True, timeout=timeout + 60)
     reply = Reply(proc, request)
     if log is not None and reply.code == 2:
@@ -342,13 +349,14 @@ def raw_exchange(data, wait=2.0):
 
 @contextlib.contextmanager
 def python_entitled():
-    """This interpreter granted the entitlement for a while, so that a test
-    can speak the wire format itself."""
+    """This interpreter, run as root, granted the entitlement for a while, so
+    that a test can speak the wire format itself."""
     import plistlib
     path = "/etc/ovix/entitlements.d/zz-system-test-python.plist"
     with open(path, "wb") as f:
         plistlib.dump({"Program": os.path.realpath(sys.executable),
-                       "Entitlements": {"com.velmor.private.quillex.quillexd": True}}, f)
+                       "Entitlements": {"com.velmor.private.quillex.quillexd": True},
+                       "Users": ["root"]}, f)
     os.chmod(path, 0o644)
     try:
         yield

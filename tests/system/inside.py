@@ -10,5 +10,6 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(here)), "scripts
 
 import harness  # noqa: E402
 
-sys.exit(harness.main_inside(["cases_frame", "cases_containers", "cases_manifest",
-                              "cases_restore", "cases_nvram", "cases_storage", "cases_faults"]))
+sys.exit(harness.main_inside(["cases_frame", "cases_grants", "cases_containers",
+                              "cases_manifest", "cases_restore", "cases_nvram", "cases_storage",
+                              "cases_faults"]))
