@@ -19,7 +19,7 @@ namespace platform {
 
 struct CopyLimits {
   std::uint64_t chunkBytes = 4ull << 20;  // one read and one write
-  std::uint64_t stepBytes = 64ull << 20;  // copied between two records
+  std::uint64_t stepBytes = 256ull << 20;  // copied between two records
 };
 
 struct CopyPosition {
