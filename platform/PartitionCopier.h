@@ -18,7 +18,7 @@
 namespace platform {
 
 struct CopyLimits {
-  std::uint64_t chunkBytes = 4ull << 20;  // one read and one write
+  std::uint64_t chunkBytes = 4ull << 20;   // one read and one write
   std::uint64_t stepBytes = 256ull << 20;  // copied between two records
 };
 
