@@ -39,12 +39,18 @@ class Commit : public ::testing::Test {
       for (std::uint64_t w = 0; w < kBs / 8; ++w)
         gpt::store64(&disk[(lba + b) * kBs + 8 * w], tag << 48 | b << 12 | w);
   }
-  // Whether blocks hold the stamps of a partition's first blocks.
-  bool holds(std::uint64_t lba, std::uint64_t blocks, std::uint64_t tag) const {
+  // Whether blocks at lba hold the stamps of a partition's blocks from
+  // block `from` of it on.
+  bool holdsFrom(std::uint64_t lba, std::uint64_t from, std::uint64_t blocks,
+                 std::uint64_t tag) const {
     for (std::uint64_t b = 0; b < blocks; ++b)
       for (std::uint64_t w = 0; w < kBs / 8; ++w)
-        if (gpt::load64(&disk[(lba + b) * kBs + 8 * w]) != (tag << 48 | b << 12 | w)) return false;
+        if (gpt::load64(&disk[(lba + b) * kBs + 8 * w]) != (tag << 48 | (from + b) << 12 | w))
+          return false;
     return true;
+  }
+  bool holds(std::uint64_t lba, std::uint64_t blocks, std::uint64_t tag) const {
+    return holdsFrom(lba, 0, blocks, tag);
   }
 
   std::uint64_t first(int i) const {
@@ -72,11 +78,14 @@ class Commit : public ::testing::Test {
            !decodeMoveRecord({disk.data() + 4 * kBs, kBs});
   }
   // Update holds its blocks where its entry says, System and Data what
-  // they keep, the table is sealed with its backup and no record is left.
+  // they keep (the end of Data, where Update comes and goes, block by
+  // block), the table is sealed with its backup and no record is left.
   void expectWhole(std::uint64_t dataKeeps) {
     EXPECT_TRUE(holds(first(kUpdate), 100, 'A' + kUpdate)) << "Update at " << first(kUpdate);
     EXPECT_TRUE(holds(first(kSystem), 98, 'A' + kSystem));
-    EXPECT_TRUE(holds(first(kData), dataKeeps, 'A' + kData));
+    const std::uint64_t tail = std::min<std::uint64_t>(dataKeeps, 64);
+    EXPECT_TRUE(holds(first(kData), 1, 'A' + kData));
+    EXPECT_TRUE(holdsFrom(first(kData) + dataKeeps - tail, dataKeeps - tail, tail, 'A' + kData));
     auto sealed = gpt::sealTable(table(), kBs, kBlocks);
     ASSERT_TRUE(sealed.ok());
     EXPECT_TRUE(std::equal(sealed->primary.begin(), sealed->primary.end(), disk.begin() + kBs));
@@ -94,6 +103,7 @@ TEST_F(Commit, ShrinkAndExpandCarryUpdatesBlocksAndNeverTouchWhatOthersKeep) {
   ASSERT_TRUE(write(resized(602), log));
   EXPECT_EQ(first(kUpdate), 603u);
   expectWhole(500);
+  EXPECT_TRUE(holds(103, 500, 'A' + kData));
   for (const auto& call : log.calls) {
     // Only the table, the record and Update's new place are written.
     if (call.kind == 'w') {
