@@ -8,8 +8,6 @@ namespace {
 
 constexpr std::uint64_t kPrimaryHeaderLba = 1;
 constexpr std::uint64_t kPrimaryEntriesLba = 2;
-// Block 2 holds all 8 entries, so partitions may start right after it.
-constexpr std::uint64_t kFirstUsable = 3;
 
 const std::array<std::uint32_t, 256>& crcTable() {
   static const std::array<std::uint32_t, 256> table = [] {
@@ -94,6 +92,27 @@ void storeAsciiName(std::uint8_t* field, const std::string& name) {
   }
 }
 
+std::vector<UsedEntry> usedEntries(std::span<const std::uint8_t> blocks1and2,
+                                   std::uint32_t blockSize) {
+  std::vector<UsedEntry> out;
+  if (blockSize < kEntryTableSize || blocks1and2.size() < 2 * std::size_t(blockSize)) return out;
+  const std::uint32_t count =
+      std::min<std::uint32_t>(load32(&blocks1and2[kEntryCount]), kMaxEntries);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const std::uint8_t* e = &blocks1and2[blockSize + i * kEntrySize];
+    // An all-zero type marks an unused slot; a reversed extent holds nothing.
+    const bool unused =
+        std::all_of(e + kTypeGuid, e + kTypeGuid + 16, [](std::uint8_t b) { return b == 0; });
+    UsedEntry used;
+    used.index = i;
+    std::copy_n(e + kUniqueGuid, 16, used.uniqueGuid.begin());
+    used.firstLba = load64(e + kFirstLba);
+    used.lastLba = load64(e + kLastLba);
+    if (!unused && used.firstLba <= used.lastLba) out.push_back(used);
+  }
+  return out;
+}
+
 Result<SealedTable> sealTable(std::span<const std::uint8_t> blocks1and2, std::uint32_t blockSize,
                               std::uint64_t blockCount) {
   if (blockSize < 512 || blocks1and2.size() != 2 * std::size_t(blockSize)) {
@@ -138,9 +157,9 @@ Result<DiskImage> buildDisk(const DiskLayout& layout) {
   if (layout.partitions.empty() || layout.partitions.size() > kMaxEntries) {
     return invalid("between 1 and 8 partitions are needed");
   }
-  if (layout.blockCount < kFirstUsable + 3) return invalid("disk too small");
+  if (layout.blockCount < kFirstPartitionLba + 3) return invalid("disk too small");
   DiskImage image;
-  image.firstUsableLba = kFirstUsable;
+  image.firstUsableLba = kFirstPartitionLba;
   image.lastUsableLba = layout.blockCount - 3;  // backup entries and header follow
 
   const std::uint64_t usable = image.lastUsableLba - image.firstUsableLba + 1;
@@ -186,6 +205,8 @@ Result<DiskImage> buildDisk(const DiskLayout& layout) {
   if (!sealed) return sealed.error();
   image.writes.push_back({0, protectiveMbr(bs, layout.blockCount)});
   image.writes.push_back({std::uint64_t(bs), std::move(sealed->primary)});
+  // A record left by an earlier disk on the same blocks must not be taken up.
+  image.writes.push_back({kMoveRecordLba * bs, Data(kMoveRecordSlots * bs, 0)});
   for (auto& w : sealed->backup) image.writes.push_back(std::move(w));
   return image;
 }

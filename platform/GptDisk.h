@@ -2,8 +2,9 @@
 // presents it: a protective MBR carrying the volume manager's signature word,
 // a GPT header in block 1 whose entry count is the number of partitions in
 // use (at most 8), the entry array in block 2 and a backup GPT at the end.
-// Pure byte work, shared by the volume layer's sealing, the test disk
-// builder (tools/qlx-mkdisk) and the tests.
+// Blocks 3 and 4 belong to no partition: the volume layer keeps its record
+// of a partition move there. Pure byte work, shared by the volume layer's
+// sealing, the test disk builder (tools/qlx-mkdisk) and the tests.
 #pragma once
 
 #include <array>
@@ -25,6 +26,12 @@ inline constexpr std::size_t kHeaderSize = 92;
 inline constexpr std::size_t kEntrySize = 128;
 inline constexpr std::size_t kMaxEntries = 8;
 inline constexpr std::size_t kEntryTableSize = kEntrySize * kMaxEntries;  // 1024
+
+// The two slots of the volume layer's move record, between the entry array
+// and the first block the builder gives a partition.
+inline constexpr std::uint64_t kMoveRecordLba = 3;
+inline constexpr std::uint64_t kMoveRecordSlots = 2;
+inline constexpr std::uint64_t kFirstPartitionLba = kMoveRecordLba + kMoveRecordSlots;
 
 // GPT header fields (offsets within block 1).
 inline constexpr std::size_t kHeaderCrc = 16;
@@ -66,6 +73,17 @@ std::array<std::uint8_t, 16> randomUuid();
 // "System" etc. as a zero-padded 72-byte UTF-16LE name field (ASCII only).
 void storeAsciiName(std::uint8_t* field, const std::string& name);
 
+// An entry in use: within the header's count (at most 8), with a partition
+// type, and first LBA <= last LBA.
+struct UsedEntry {
+  std::uint32_t index = 0;
+  std::array<std::uint8_t, 16> uniqueGuid{};
+  std::uint64_t firstLba = 0;
+  std::uint64_t lastLba = 0;  // inclusive
+};
+std::vector<UsedEntry> usedEntries(std::span<const std::uint8_t> blocks1and2,
+                                   std::uint32_t blockSize);
+
 // One write of a disk image: bytes to put at a byte offset.
 struct BlockWrite {
   std::uint64_t offset = 0;
@@ -104,14 +122,15 @@ struct PlacedPartition {
 };
 
 struct DiskImage {
-  std::vector<BlockWrite> writes;  // MBR, primary table, backup table
+  std::vector<BlockWrite> writes;  // MBR, primary table, empty move record, backup table
   std::uint64_t firstUsableLba = 0;
   std::uint64_t lastUsableLba = 0;
   std::vector<PlacedPartition> partitions;
 };
 
-// Lays the partitions out from the first usable block, the way the volume
-// manager packs them, and produces every block of the partition table.
+// Lays the partitions out from the first usable block (kFirstPartitionLba),
+// the way the volume manager packs them, and produces every block of the
+// partition table, with the move record's slots cleared.
 Result<DiskImage> buildDisk(const DiskLayout& layout);
 
 }  // namespace platform::gpt

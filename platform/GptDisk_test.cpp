@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace platform::gpt {
@@ -42,7 +43,13 @@ TEST(GptDisk, BuildsTheVolumeManagersLayout) {
   layout.partitions = {{"System", 100}, {"Data", 0}, {"Update", 100}};
   auto image = buildDisk(layout);
   ASSERT_TRUE(image.ok());
-  const Data disk = assemble(*image, 1024);
+  // A move record of an earlier disk on the same blocks is wiped.
+  Data disk(1024 * kBs, 0);
+  std::fill(disk.begin() + 3 * kBs, disk.begin() + 5 * kBs, 0x5A);
+  for (const auto& w : image->writes)
+    std::copy(w.bytes.begin(), w.bytes.end(), disk.begin() + w.offset);
+  EXPECT_TRUE(std::all_of(disk.begin() + 3 * kBs, disk.begin() + 5 * kBs,
+                          [](std::uint8_t b) { return b == 0; }));
 
   EXPECT_EQ(load32(&disk[kSignatureOffset]), kBrovSignature);
   EXPECT_EQ(disk[446 + 4], 0xEE);
@@ -54,7 +61,7 @@ TEST(GptDisk, BuildsTheVolumeManagersLayout) {
   const std::uint8_t* h = &disk[kBs];
   EXPECT_EQ(load32(h + kEntryCount), 3u);  // partitions in use, not 128
   EXPECT_EQ(load64(h + kEntryArrayLba), 2u);
-  EXPECT_EQ(load64(h + kFirstUsableLba), 3u);
+  EXPECT_EQ(load64(h + kFirstUsableLba), 5u);  // blocks 3 and 4: the move record
   EXPECT_EQ(load64(h + kLastUsableLba), 1021u);
   expectValidHeader(disk, 1, 1023);
   expectValidHeader(disk, 1023, 1);
@@ -62,13 +69,14 @@ TEST(GptDisk, BuildsTheVolumeManagersLayout) {
   EXPECT_EQ(std::memcmp(&disk[2 * kBs], &disk[1022 * kBs], 3 * kEntrySize), 0);
 
   ASSERT_EQ(image->partitions.size(), 3u);
-  EXPECT_EQ(image->partitions[1].firstLba, 103u);
+  EXPECT_EQ(image->partitions[0].firstLba, 5u);
+  EXPECT_EQ(image->partitions[1].firstLba, 105u);
   EXPECT_EQ(image->partitions[1].lastLba, 921u);
   EXPECT_EQ(image->partitions[2].lastLba, 1021u);
   const std::uint8_t* data = &disk[2 * kBs + kEntrySize];
   const std::uint8_t name[] = {'D', 0, 'a', 0, 't', 0, 'a', 0, 0, 0};
   EXPECT_EQ(std::memcmp(data + kName, name, sizeof name), 0);
-  EXPECT_EQ(load64(data + kFirstLba), 103u);
+  EXPECT_EQ(load64(data + kFirstLba), 105u);
   EXPECT_NE(std::memcmp(data + kUniqueGuid, &disk[2 * kBs + kUniqueGuid], 16), 0);
 }
 

@@ -2,12 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/testing/FaultInjectingBlockIo.h"
 #include "storage/StorageTestSupport.h"
 
 namespace storage::testing {
 namespace {
 
-// The default disk: System 3-102, Data 103-921 (819 blocks), Update 922-1021.
+// The default disk: System 5-102, Data 103-921 (819 blocks), Update 922-1021.
 class AdjustPartition : public DiskTest {
  protected:
   int adjust(std::uint64_t bytes) {
@@ -49,7 +50,7 @@ TEST_F(AdjustPartition, ShrinkResizesTheFileSystemFirstThenWritesTheRepackedTabl
 }
 
 TEST_F(AdjustPartition, GrowWritesAndSyncsTheTableBeforeGrowingTheFileSystem) {
-  makeDisk({{"System", 100}, {"Data", 300}, {"Update", 100}});
+  makeDisk({{"System", 98}, {"Data", 300}, {"Update", 100}});
   mount(1, "disk0s2", "/private/var");
   ASSERT_EQ(adjust(819 * kBlock), 0);
   EXPECT_EQ(volumes.events, (Events{"open 0", "open 18", "write 4096 8192", "sync",
@@ -70,7 +71,6 @@ TEST_F(AdjustPartition, WritesBlocks1And2OnlyWithZerosBeyondTheRecordsAndTheCRCs
   const std::uint32_t entriesCrc =
       platform::gpt::load32(&before.bytes[platform::gpt::kEntryArrayCrc]);
   const platform::Data mbr(volumes.disk.begin(), volumes.disk.begin() + kBlock);
-  const platform::Data backup(volumes.disk.end() - 2 * kBlock, volumes.disk.end());
   mount(1, "disk0s2", "/private/var");
 
   ASSERT_EQ(adjust(500 * kBlock), 0);
@@ -88,7 +88,10 @@ TEST_F(AdjustPartition, WritesBlocks1And2OnlyWithZerosBeyondTheRecordsAndTheCRCs
   EXPECT_EQ(platform::gpt::load32(&bytes[platform::gpt::kEntryArrayCrc]), entriesCrc);
   EXPECT_NE(platform::gpt::crc32({bytes.data() + kBlock, 3 * 128}), entriesCrc);
   EXPECT_TRUE(std::equal(mbr.begin(), mbr.end(), volumes.disk.begin()));
-  EXPECT_TRUE(std::equal(backup.begin(), backup.end(), volumes.disk.end() - 2 * kBlock));
+  // The disk below sealed what the driver wrote, backup included.
+  EXPECT_EQ(platform::gpt::load64(
+                &volumes.disk[(kBlocks - 2) * kBlock + 2 * 128 + platform::gpt::kFirstLba]),
+            603u);
 }
 
 TEST_F(AdjustPartition, TheCurrentSizeIsNoChangeAndWritesNothing) {
@@ -98,14 +101,14 @@ TEST_F(AdjustPartition, TheCurrentSizeIsNoChangeAndWritesNothing) {
 }
 
 TEST_F(AdjustPartition, ZeroBlocksIsRefusedAndAlwaysNamesPartition1) {
-  makeDisk({{"System", 100}, {"Update", 100}, {"Data", 0}});
+  makeDisk({{"System", 98}, {"Update", 100}, {"Data", 0}});
   EXPECT_EQ(adjust(0), 1);
   expectInOrder({"deletion of partition 1 disallowed"});
   EXPECT_EQ(volumes.events, Events{"open 0"});
 }
 
 TEST_F(AdjustPartition, ARequestBeyondTheUsableBlocksFailsSilently) {
-  makeDisk({{"System", 100}, {"Data", 300}, {"Update", 100}});
+  makeDisk({{"System", 98}, {"Data", 300}, {"Update", 100}});
   mount(1, "disk0s2", "/private/var");
   EXPECT_EQ(adjust(820 * kBlock), 1);
   EXPECT_EQ(said, "entering adjust_partition\npartition: requiredSize=820\n");
@@ -167,7 +170,7 @@ TEST_F(AdjustPartition, AFailedShrinkOfTheFileSystemLeavesTheTableAlone) {
 }
 
 TEST_F(AdjustPartition, AFailedGrowthLeavesTheTableWrittenAndFails) {
-  makeDisk({{"System", 100}, {"Data", 300}, {"Update", 100}});
+  makeDisk({{"System", 98}, {"Data", 300}, {"Update", 100}});
   mount(1, "disk0s2", "/private/var");
   volumes.resizeErrno = 22;
   EXPECT_EQ(adjust(600 * kBlock), 1);
@@ -196,8 +199,38 @@ TEST_F(AdjustPartition, WriteFailuresAreReportedWithTheReturnAndErrno) {
   expectInOrder({"Failed to open /dev/rdisk0s1 to write new GPT header out to disk.\n"});
 }
 
+TEST_F(AdjustPartition, AFailedMoveOfUpdateIsAFailedWriteThatLeavesTableAndBytesAsTheyWere) {
+  makeDisk({{"System", 98}, {"Data", 300}, {"Update", 100}});  // Update at 403-502
+  for (std::uint64_t b = 403; b <= 502; ++b)
+    std::fill_n(volumes.disk.begin() + b * kBlock, kBlock, static_cast<std::uint8_t>(b));
+  const platform::Data before = volumes.disk;
+  mount(1, "disk0s2", "/private/var");
+  platform::testing::FaultInjectingBlockIo failing(volumes.diskIo);
+  failing.failReads = 8;  // a few reads into the copy, and the disk stays bad
+  volumes.blockIo = &failing;
+  volumes.copyLimits = {8 * kBlock, 32 * kBlock};
+
+  EXPECT_EQ(adjust(600 * kBlock), 1);
+  expectInOrder({"Resizing existing partition with GPT index 1",
+                 "failed to write GPT header and table to /dev/rdisk0s1 (return -1). "
+                 "errno=5 : Input/output error"});
+  EXPECT_EQ(said.find("Wrote GPT header back to disk"), std::string::npos);
+  EXPECT_EQ(volumes.events, (Events{"open 0", "open 18", "write 4096 8192"}));  // no growth
+  // Table, record blocks, partitions and backup as they were; only the free
+  // space Update was being copied to has changed.
+  EXPECT_TRUE(std::equal(before.begin(), before.begin() + 503 * kBlock, volumes.disk.begin()));
+  EXPECT_TRUE(std::equal(before.end() - 2 * kBlock, before.end(), volumes.disk.end() - 2 * kBlock));
+
+  // On a sound disk Update's bytes go with it, each block to its new place.
+  volumes.blockIo = &volumes.diskIo;
+  EXPECT_EQ(adjust(600 * kBlock), 0);
+  ASSERT_EQ(entry(2).firstLBA(), 703u);
+  for (std::uint64_t b = 0; b < 100; ++b)
+    EXPECT_EQ(volumes.disk[(703 + b) * kBlock + 7], static_cast<std::uint8_t>(403 + b));
+}
+
 TEST_F(AdjustPartition, WithoutADataPartitionANewOneIsCreatedWithoutFileSystemStep) {
-  makeDisk({{"System", 100}, {"Update", 100}});
+  makeDisk({{"System", 98}, {"Update", 100}});
   ASSERT_EQ(adjust(300 * kBlock), 0);
   expectInOrder({"Creating new partition instead of adjusting existing one",
                  "About to adjust with settings partitionIndex:2 size:1 MB"});

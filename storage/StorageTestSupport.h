@@ -29,12 +29,13 @@ class FakeDeviceProperties : public platform::DeviceProperties {
   }
 };
 
-// 1024 blocks of 4096 bytes: usable blocks 3 to 1021.
+// 1024 blocks of 4096 bytes: usable blocks 5 to 1021 (3 and 4 hold the
+// volume layer's move record).
 class DiskTest : public ::testing::Test {
  protected:
   static constexpr std::uint64_t kBlocks = 1024;
   static constexpr std::uint64_t kBlock = 4096;
-  static constexpr std::uint64_t kFirstUsable = 3;
+  static constexpr std::uint64_t kFirstUsable = 5;
   static constexpr std::uint64_t kLastUsable = 1021;
 
   void SetUp() override {
@@ -42,7 +43,7 @@ class DiskTest : public ::testing::Test {
     services.volumes = &volumes;
     services.deviceProperties = &properties;
     services.uuidForBSDName = volumeLayerUUIDLookup(&volumes);
-    makeDisk({{"System", 100}, {"Data", 0}, {"Update", 100}});
+    makeDisk({{"System", 98}, {"Data", 0}, {"Update", 100}});
   }
 
   void makeDisk(const std::vector<platform::gpt::PartitionSpec>& partitions) {

@@ -47,45 +47,43 @@ Status blkpg(int diskFd, int op, const KernelPartition& p) {
 std::vector<KernelPartition> partitionsOfTable(std::span<const std::uint8_t> blocks1and2,
                                                std::uint32_t blockSize) {
   std::vector<KernelPartition> out;
-  if (blocks1and2.size() < 2 * std::size_t(blockSize)) return out;
-  const std::uint32_t count =
-      std::min<std::uint32_t>(gpt::load32(&blocks1and2[gpt::kEntryCount]), gpt::kMaxEntries);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    const std::uint8_t* e = &blocks1and2[blockSize + i * gpt::kEntrySize];
-    const std::uint64_t first = gpt::load64(e + gpt::kFirstLba);
-    const std::uint64_t last = gpt::load64(e + gpt::kLastLba);
-    // An all-zero type marks an unused slot; a reversed extent maps nothing.
-    const bool unused = std::all_of(e + gpt::kTypeGuid, e + gpt::kTypeGuid + 16,
-                                    [](std::uint8_t b) { return b == 0; });
-    if (unused || last < first) continue;
-    out.push_back({static_cast<int>(i + 1), first * blockSize, (last - first + 1) * blockSize});
+  for (const auto& e : gpt::usedEntries(blocks1and2, blockSize)) {
+    out.push_back({static_cast<int>(e.index + 1), e.firstLba * blockSize,
+                   (e.lastLba - e.firstLba + 1) * blockSize});
   }
   return out;
 }
 
 ReconcilePlan planReconcile(const std::vector<KernelPartition>& current,
-                            const std::vector<KernelPartition>& wanted) {
+                            const std::vector<KernelPartition>& wanted,
+                            const std::vector<ByteRange>& copied) {
   ReconcilePlan plan;
   auto find = [](const std::vector<KernelPartition>& list, int number) {
     return std::find_if(list.begin(), list.end(),
                         [number](const KernelPartition& p) { return p.number == number; });
   };
+  auto covers = [&copied](std::uint64_t start, std::uint64_t length) {
+    return std::any_of(copied.begin(), copied.end(), [&](const ByteRange& r) {
+      return start < r.end && r.start < start + length;
+    });
+  };
   for (const auto& have : current) {
     auto want = find(wanted, have.number);
-    if (want == wanted.end() || want->start != have.start) plan.remove.push_back(have);
+    const bool stays = want != wanted.end() && want->start == have.start;
+    const std::uint64_t keptLength = stays ? std::min(have.length, want->length) : have.length;
+    if (!stays || covers(have.start, keptLength)) plan.remove.push_back(have);
   }
-  std::vector<KernelPartition> grow;
   for (const auto& want : wanted) {
     auto have = find(current, want.number);
-    if (have == current.end() || have->start != want.start) {
+    const bool removed = find(plan.remove, want.number) != plan.remove.end();
+    if (have == current.end() || removed) {
       plan.add.push_back(want);
     } else if (have->length > want.length) {
-      plan.resize.push_back(want);
+      plan.shrink.push_back(want);
     } else if (have->length < want.length) {
-      grow.push_back(want);
+      plan.grow.push_back(want);
     }
   }
-  plan.resize.insert(plan.resize.end(), grow.begin(), grow.end());
   return plan;
 }
 

@@ -18,20 +18,32 @@ struct KernelPartition {
 };
 
 // The steps, in the order they can be applied without two partitions ever
-// overlapping: removals (gone, or start moved), shrinks, growths, additions.
+// overlapping: removals (gone, or start moved) and shrinks before the table
+// is written, growths and additions after it.
 struct ReconcilePlan {
   std::vector<KernelPartition> remove;  // as the kernel has them now
-  std::vector<KernelPartition> resize;
+  std::vector<KernelPartition> shrink;
+  std::vector<KernelPartition> grow;
   std::vector<KernelPartition> add;
-  bool empty() const { return remove.empty() && resize.empty() && add.empty(); }
+  bool empty() const { return remove.empty() && shrink.empty() && grow.empty() && add.empty(); }
+};
+
+// Bytes [start, end) of the disk that a partition move reads or writes.
+struct ByteRange {
+  std::uint64_t start = 0;
+  std::uint64_t end = 0;
 };
 
 // The partitions a sealed table in blocks 1 and 2 describes.
 std::vector<KernelPartition> partitionsOfTable(std::span<const std::uint8_t> blocks1and2,
                                                std::uint32_t blockSize);
 
+// copied: what partition moves will read and write before the table is
+// written. No mapping may cover it meanwhile (once shrunk), so any that
+// would is removed first and added back afterwards.
 ReconcilePlan planReconcile(const std::vector<KernelPartition>& current,
-                            const std::vector<KernelPartition>& wanted);
+                            const std::vector<KernelPartition>& wanted,
+                            const std::vector<ByteRange>& copied = {});
 
 // The kernel's partitions of the block device open as diskFd (from sysfs);
 // empty for anything that is not a block device.

@@ -20,15 +20,35 @@ TEST(ReconcilePlan, GrowingDataAndMovingUpdateRemovesUpdateBeforeGrowingData) {
   Parts want = {{1, 1 * M, 10 * M}, {2, 11 * M, 8 * M}, {3, 19 * M, 2 * M}};
   ReconcilePlan plan = planReconcile(now, want);
   EXPECT_EQ(plan.remove, (Parts{{3, 16 * M, 2 * M}}));
-  EXPECT_EQ(plan.resize, (Parts{{2, 11 * M, 8 * M}}));
+  EXPECT_TRUE(plan.shrink.empty());
+  EXPECT_EQ(plan.grow, (Parts{{2, 11 * M, 8 * M}}));
   EXPECT_EQ(plan.add, (Parts{{3, 19 * M, 2 * M}}));
 }
 
-TEST(ReconcilePlan, ShrinksComeBeforeGrowthsSoNeighboursNeverOverlap) {
+TEST(ReconcilePlan, ShrinksComeBeforeTheWriteAndGrowthsAfterSoNeighboursNeverOverlap) {
   Parts now = {{1, 0, 10 * M}, {2, 10 * M, 10 * M}};
   Parts want = {{1, 0, 12 * M}, {2, 10 * M, 5 * M}};
   ReconcilePlan plan = planReconcile(now, want);
-  EXPECT_EQ(plan.resize, (Parts{{2, 10 * M, 5 * M}, {1, 0, 12 * M}}));
+  EXPECT_EQ(plan.shrink, (Parts{{2, 10 * M, 5 * M}}));
+  EXPECT_EQ(plan.grow, (Parts{{1, 0, 12 * M}}));
+}
+
+TEST(ReconcilePlan, NoMappingCoversBlocksAMoveCopiesWhileItRuns) {
+  // Data (2) shrinks to 6M, Update (3) is copied from 16M to 7M.
+  Parts now = {{1, 0, M}, {2, M, 15 * M}, {3, 16 * M, 2 * M}};
+  Parts want = {{1, 0, M}, {2, M, 6 * M}, {3, 7 * M, 2 * M}};
+  const std::vector<ByteRange> copied = {{16 * M, 18 * M}, {7 * M, 9 * M}};
+  ReconcilePlan plan = planReconcile(now, want, copied);
+  // Data, once shrunk, keeps clear of the copy and stays mapped (it is mounted).
+  EXPECT_EQ(plan.remove, (Parts{{3, 16 * M, 2 * M}}));
+  EXPECT_EQ(plan.shrink, (Parts{{2, M, 6 * M}}));
+  EXPECT_EQ(plan.add, (Parts{{3, 7 * M, 2 * M}}));
+
+  // A mapping that stays put but would still cover the copy goes and comes back.
+  plan = planReconcile(now, now, {{17 * M, 18 * M}});
+  EXPECT_EQ(plan.remove, (Parts{{3, 16 * M, 2 * M}}));
+  EXPECT_EQ(plan.add, (Parts{{3, 16 * M, 2 * M}}));
+  EXPECT_TRUE(plan.shrink.empty() && plan.grow.empty());
 }
 
 TEST(ReconcilePlan, CreatedAndDeletedEntriesAreAddedAndRemoved) {
@@ -37,7 +57,7 @@ TEST(ReconcilePlan, CreatedAndDeletedEntriesAreAddedAndRemoved) {
   ReconcilePlan plan = planReconcile(now, want);
   EXPECT_EQ(plan.remove, (Parts{{4, 9 * M, M}}));
   EXPECT_EQ(plan.add, (Parts{{2, M, M}}));
-  EXPECT_TRUE(plan.resize.empty());
+  EXPECT_TRUE(plan.shrink.empty() && plan.grow.empty());
 }
 
 TEST(ReconcilePlan, TheTableGivesOnePartitionPerEntryInUse) {

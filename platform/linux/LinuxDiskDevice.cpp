@@ -5,10 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
-#include "platform/GptDisk.h"
+#include "platform/TableCommit.h"
+#include "platform/linux/DirectBlockIo.h"
+#include "platform/linux/KernelPartitionMapper.h"
 #include "platform/linux/LinuxFileSystem.h"
 
 namespace platform {
@@ -73,95 +74,38 @@ Result<std::pair<std::uint32_t, std::uint64_t>> LinuxDiskDevice::geometry() {
   return std::pair<std::uint32_t, std::uint64_t>(*size, *count);
 }
 
+Status LinuxDiskDevice::withCommit(const std::function<Status(TableCommit&)>& work) {
+  auto g = geometry();
+  if (!g) return g.error();
+  auto isBlock = isRawDisk();
+  if (!isBlock) return isBlock.error();
+  auto io = DirectBlockIo::open(path_);
+  if (!io) return io.error();
+  std::unique_ptr<BlockIo> blocks = std::move(*io);
+  if (wrapper_) blocks = wrapper_(std::move(blocks));
+  // An image file has no kernel partitions to keep in line.
+  KernelPartitionMapper kernel(fd_.get(), g->first);
+  TableCommit commit(*blocks, *isBlock ? &kernel : nullptr, g->first, g->second);
+  return work(commit);
+}
+
 Result<std::size_t> LinuxDiskDevice::pwrite(std::span<const std::uint8_t> bytes,
                                             std::uint64_t offset) {
   auto g = geometry();
   if (!g) return g.error();
-  const auto [blockSize, count] = *g;
-  const std::uint64_t tableStart = blockSize, tableEnd = 3ull * blockSize;
+  const std::uint64_t tableStart = g->first, tableEnd = 3ull * g->first;
   if (offset >= tableEnd || offset + bytes.size() <= tableStart) {
     auto status = writeAll(bytes, offset);
     if (!status) return status.error();
     return bytes.size();
   }
-  return writeTable(bytes, offset, blockSize, count);
-}
-
-void LinuxDiskDevice::restore(const std::vector<KernelPartition>& removed) {
-  for (const auto& p : removed) (void)addPartition(fd_.get(), p);
-}
-
-Status LinuxDiskDevice::applyAfterWrite(const ReconcilePlan& plan) {
-  for (const auto& p : plan.resize) {
-    if (auto s = resizePartition(fd_.get(), p); !s) return s;
-  }
-  for (const auto& p : plan.add) {
-    if (auto s = addPartition(fd_.get(), p); !s) return s;
-  }
-  return Status::success();
-}
-
-Result<std::size_t> LinuxDiskDevice::writeTable(std::span<const std::uint8_t> bytes,
-                                                std::uint64_t offset, std::uint32_t blockSize,
-                                                std::uint64_t blockCount) {
-  // The table as it will be once this write is on disk.
-  Data table(2 * std::size_t(blockSize), 0);
-  auto got = pread(table, blockSize);
-  if (!got) return got.error();
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    const std::uint64_t at = offset + i;
-    if (at >= blockSize && at < 3ull * blockSize) table[at - blockSize] = bytes[i];
-  }
-  auto sealed = gpt::sealTable(table, blockSize, blockCount);
-  if (!sealed) return posixError(EINVAL, "partition table: " + sealed.error().description);
-
-  // An image file has no kernel partitions to keep in line.
-  auto isBlock = isRawDisk();
-  if (!isBlock) return isBlock.error();
-  auto current = kernelPartitions(fd_.get());
-  if (!current) return current.error();
-  const ReconcilePlan plan =
-      *isBlock ? planReconcile(*current, partitionsOfTable(sealed->primary, blockSize))
-               : ReconcilePlan{};
-
-  // Mappings that must go are taken away first: one still in use refuses
-  // (EBUSY), and then neither the disk nor the kernel has changed.
-  std::vector<KernelPartition> removed;
-  for (const auto& p : plan.remove) {
-    if (auto s = removePartition(fd_.get(), p); !s) {
-      restore(removed);
-      return s.error();
-    }
-    removed.push_back(p);
-  }
-
-  Status written = writeAll(bytes, offset);
-  if (written) written = writeAll(sealed->primary, blockSize);
-  for (const auto& w : sealed->backup) {
-    if (written) written = writeAll(w.bytes, w.offset);
-  }
-  if (written && ::fsync(fd_.get()) != 0) written = posixError(errno, "disk");
-  if (!written) {
-    restore(removed);
-    return written.error();
-  }
-  if (auto s = applyAfterWrite(plan); !s) return s.error();
+  auto written = withCommit([&](TableCommit& commit) { return commit.write(bytes, offset); });
+  if (!written) return written.error();
   return bytes.size();
 }
 
-Status LinuxDiskDevice::reconcile() {
-  auto g = geometry();
-  if (!g) return g.error();
-  Data table(2 * std::size_t(g->first), 0);
-  auto got = pread(table, g->first);
-  if (!got) return got.error();
-  auto current = kernelPartitions(fd_.get());
-  if (!current) return current.error();
-  const ReconcilePlan plan = planReconcile(*current, partitionsOfTable(table, g->first));
-  for (const auto& p : plan.remove) {
-    if (auto s = removePartition(fd_.get(), p); !s) return s;
-  }
-  return applyAfterWrite(plan);
+Status LinuxDiskDevice::mapPartitions() {
+  return withCommit([](TableCommit& commit) { return commit.map(); });
 }
 
 }  // namespace platform

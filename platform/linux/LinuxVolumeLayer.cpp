@@ -13,7 +13,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/linux/LinuxDiskDevice.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/MountTable.h"
 
@@ -48,7 +47,7 @@ Result<std::unique_ptr<DiskDevice>> LinuxVolumeLayer::openDisk(const std::string
   if (!fd.valid()) return posixError(errno, real);
   // Linux has no shared-lock open flag; an advisory shared lock stands in.
   if ((flags & kSharedLock) && ::flock(fd.get(), LOCK_SH) != 0) return posixError(errno, real);
-  return std::unique_ptr<DiskDevice>(new LinuxDiskDevice(std::move(fd)));
+  return std::unique_ptr<DiskDevice>(new LinuxDiskDevice(std::move(fd), real, wrapper_));
 }
 
 Result<std::vector<MountRecord>> LinuxVolumeLayer::mountRecords(std::size_t maxRecords) {
@@ -99,7 +98,7 @@ Status LinuxVolumeLayer::mapPartitions(const std::string& path) {
   const std::string real = resolve(path);
   UniqueFd fd(::open(real.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd.valid()) return posixError(errno, real);
-  return LinuxDiskDevice(std::move(fd)).reconcile();
+  return LinuxDiskDevice(std::move(fd), real, wrapper_).mapPartitions();
 }
 
 }  // namespace platform

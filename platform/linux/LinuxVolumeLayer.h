@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/VolumeLayer.h"
+#include "platform/linux/LinuxDiskDevice.h"
 
 namespace platform {
 
@@ -24,14 +25,19 @@ class LinuxVolumeLayer : public VolumeLayer {
   Result<std::optional<std::string>> partitionUUID(const std::string& devicePath) override;
 
   // Maps the disk's partitions in the kernel as its table lists them (for
-  // kernels without a partition-table parser, as `partx -a` does).
+  // kernels without a partition-table parser, as `partx -a` does), after
+  // finishing any partition move its record shows cut short.
   Status mapPartitions(const std::string& path);
+
+  // Tests wrap the disk access of the layer's own copying and record keeping.
+  void wrapBlockIo(BlockIoWrapper wrapper) { wrapper_ = std::move(wrapper); }
 
  private:
   std::string resolve(const std::string& path) const;
 
   std::map<std::string, std::string> devicePaths_;
   std::string mountInfoPath_;
+  BlockIoWrapper wrapper_;
 };
 
 }  // namespace platform

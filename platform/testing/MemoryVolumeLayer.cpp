@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/TableCommit.h"
+
 namespace platform::testing {
 namespace {
 
@@ -30,10 +32,17 @@ class MemoryDisk : public DiskDevice {
   Result<std::size_t> pwrite(std::span<const std::uint8_t> bytes, std::uint64_t offset) override {
     layer_.events.push_back("write " + std::to_string(offset) + " " + std::to_string(bytes.size()));
     if (layer_.writeErrno) return Error::posix(layer_.writeErrno, "pwrite");
-    std::size_t n = layer_.shortWrite ? std::min(*layer_.shortWrite, bytes.size()) : bytes.size();
+    if (layer_.shortWrite) return std::min(*layer_.shortWrite, bytes.size());
     if (offset >= layer_.disk.size()) return std::size_t(0);
-    n = std::min<std::uint64_t>(n, layer_.disk.size() - offset);
-    std::copy_n(bytes.begin(), n, layer_.disk.begin() + offset);
+    const std::size_t n = std::min<std::uint64_t>(bytes.size(), layer_.disk.size() - offset);
+    const std::uint64_t block = layer_.diskBlockSize;
+    if (offset < 3 * block && offset + n > block) {
+      TableCommit commit(*layer_.blockIo, nullptr, layer_.diskBlockSize, layer_.disk.size() / block,
+                         layer_.copyLimits);
+      if (auto s = commit.write(bytes.first(n), offset); !s) return s.error();
+    } else {
+      std::copy_n(bytes.begin(), n, layer_.disk.begin() + offset);
+    }
     layer_.writes.emplace_back(offset, Data(bytes.begin(), bytes.begin() + n));
     return n;
   }
@@ -66,6 +75,11 @@ Status MemoryVolumeLayer::resizeFileSystem(const std::string& mountPoint, std::u
   events.push_back("resize " + mountPoint + " " + std::to_string(newSize));
   if (resizeErrno) return Error::posix(resizeErrno, mountPoint);
   return Status::success();
+}
+
+Status MemoryVolumeLayer::mapPartitions() {
+  TableCommit commit(*blockIo, nullptr, diskBlockSize, disk.size() / diskBlockSize, copyLimits);
+  return commit.map();
 }
 
 void MemoryVolumeLayer::sync() { events.push_back("sync"); }

@@ -1,14 +1,18 @@
 """Shrinking and expanding the data partition on the sandbox's loop disk: the
-GPT entry, the kernel's partition and the mounted btrfs must agree, and the
-data on it must survive."""
+GPT entry, the kernel's partition and the mounted btrfs must agree, the data
+on it must survive, and so must every byte of the Update partition that each
+resize moves, even when the daemon is killed in the middle of the move."""
 import fcntl
 import hashlib
 import os
 import re
+import shutil
+import stat
 import struct
 import subprocess
 
-from harness import (case, ctl, entering, expect, expect_equal, expect_pass, remove)
+from harness import (DAEMON, Daemon, Failure, case, ctl, entering, expect, expect_equal,
+                     expect_pass, remove)
 
 DISK = "/dev/rdisk0s1"
 LOOP = os.path.basename(os.environ.get("VEXD_LOOP", ""))
@@ -61,6 +65,42 @@ def digest(path):
         return hashlib.sha1(f.read()).hexdigest()
 
 
+def partition_node(name):
+    """A fresh node for the named partition: a move gives it a new device number."""
+    number = Table().entries[name][0] + 1
+    with open(f"/sys/class/block/{LOOP}p{number}/dev") as f:
+        major, minor = map(int, f.read().split(":"))
+    node = f"/dev/vexd-test-{name.lower()}"  # the device's own /dev takes nodes; /tmp does not
+    if os.path.lexists(node):
+        os.unlink(node)
+    os.mknod(node, 0o600 | stat.S_IFBLK, os.makedev(major, minor))
+    return node
+
+
+UPDATE_HASH = []
+
+
+def update_hash():
+    """The hash of all of Update, read through its node."""
+    h = hashlib.sha256()
+    with open(partition_node("Update"), "rb") as f:
+        while chunk := f.read(1 << 20):
+            h.update(chunk)
+    return h.hexdigest()
+
+
+def keep_update():
+    """Update full of random bytes (once per device); their hash."""
+    if not UPDATE_HASH:
+        size = Table().blocks("Update") * Table().block
+        with open(partition_node("Update"), "wb") as f:
+            for _ in range(size >> 20):
+                f.write(os.urandom(1 << 20))
+            os.fsync(f.fileno())
+        UPDATE_HASH.append(update_hash())
+    return UPDATE_HASH[0]
+
+
 def keep_file():
     if not os.path.exists(KEEP):
         os.makedirs(os.path.dirname(KEEP), exist_ok=True)
@@ -83,9 +123,27 @@ def expect_consistent(table, blocks, data_hash):
     expect_equal(digest(KEEP), data_hash, "hash of the file on the data partition")
 
 
+def expect_disk_consistent(update):
+    """Update's bytes where its entry says, a table both tools accept and the
+    kernel's partitions as the table lists them."""
+    table = Table()
+    expect_equal(update_hash(), update, "hash of all of Update")
+    verify = subprocess.run(["sgdisk", "-v", DISK], capture_output=True, text=True)
+    expect(verify.returncode == 0 and "No problems found" in verify.stdout,
+           f"sgdisk -v does not accept the disk: {verify.stdout.strip()}")
+    verify = subprocess.run(["sfdisk", "--verify", DISK], capture_output=True, text=True)
+    expect(verify.returncode == 0 and "No errors detected" in verify.stdout,
+           f"sfdisk --verify does not accept the disk: {verify.stdout.strip()}")
+    for name, (index, first, last) in table.entries.items():
+        expect_equal(kernel_partition(index + 1),
+                     (first * table.block, (last - first + 1) * table.block),
+                     f"the kernel's {name} partition (start, size)")
+
+
 @case("storage", needs_storage=True)
 def shrink_keeps_used_space_and_half_the_free(log):
     data_hash = keep_file()
+    update = keep_update()
     before = Table()
     reply = ctl("shrinkDataPartition:", log=log, timeout=60)
     expect_pass(reply)
@@ -101,11 +159,13 @@ def shrink_keeps_used_space_and_half_the_free(log):
     expect(blocks < before.blocks("Data"), f"Data did not shrink ({before.blocks('Data')} blocks)")
     expect_consistent(after, blocks, data_hash)
     expect_equal(after.entries["System"], before.entries["System"], "System's entry")
+    expect_disk_consistent(update)
 
 
 @case("storage", needs_storage=True)
 def expand_takes_every_block_the_others_leave(log):
     data_hash = keep_file()
+    update = keep_update()
     reply = ctl("expandDataPartition:", log=log, timeout=60)
     expect_pass(reply)
     log.expect(entering("expandDataPartition:", True))
@@ -121,9 +181,18 @@ def expand_takes_every_block_the_others_leave(log):
     expect_equal(kernel_partition(index + 1),
                  (first * table.block, (last - first + 1) * table.block),
                  "the kernel's Update partition (start, size)")
+    expect_disk_consistent(update)
+    expect_file_system_sound()
+
+
+def expect_file_system_sound():
     scrub = subprocess.run(["btrfs", "scrub", "start", "-B", "/private/var"],
                            capture_output=True, text=True)
     expect(scrub.returncode == 0, f"btrfs scrub found errors: {scrub.stdout} {scrub.stderr}")
+    # The daemon keeps its log on it: checked mounted, read-only.
+    check = subprocess.run(["btrfs", "check", "--readonly", "--force", partition_node("Data")],
+                           capture_output=True, text=True)
+    expect(check.returncode == 0, f"btrfs check found errors: {check.stdout} {check.stderr}")
 
 
 @case("storage", needs_storage=True)
@@ -138,3 +207,49 @@ def expand_at_full_size_changes_nothing(log):
     expect_equal(Table().entries, before.entries, "GPT entries")
     expect_equal(btrfs_size(), size, "btrfs device size")
     remove(KEEP)
+
+
+def traced_daemon(*strace_args):
+    """vexd_helper under strace: its disk writes are the pwrite64 calls."""
+    if not shutil.which("strace"):
+        raise Failure("strace is missing (scripts/setup installs it)")
+    daemon = Daemon()
+    daemon.start(wrapper=["strace", "-f", "-qq", *strace_args])
+    return daemon
+
+
+@case("storage", needs_storage=True)
+def a_move_killed_midway_is_finished_when_the_disk_is_mapped_again(log):
+    data_hash = keep_file()
+    update = keep_update()
+    DAEMON.terminate()
+    # How many writes a move of Update takes: a shrink, traced.
+    trace = "/tmp/vexd-move-trace"
+    daemon = traced_daemon("-e", "trace=pwrite64", "-o", trace)
+    expect_pass(ctl("shrinkDataPartition:", timeout=60))
+    ctl("quitHelper:")
+    daemon.wait_exit(30)
+    with open(trace) as f:
+        writes = sum("pwrite64(" in line for line in f)
+    expect(writes > 10, f"a move took only {writes} writes")
+    expect_disk_consistent(update)
+
+    # Killed once the first record is on disk, in the copy, at the table,
+    # while the record is cleared: mapping finishes the move every time.
+    for at in sorted({2, writes // 2, writes - 4, writes - 1}):
+        table = Table()
+        shrunk = table.entries["Update"][2] < table.last_usable
+        request = "expandDataPartition:" if shrunk else "shrinkDataPartition:"
+        daemon = traced_daemon("-o", "/dev/null", "-e",
+                               f"inject=pwrite64:signal=SIGKILL:when={at}")
+        ctl(request, timeout=60)
+        status = daemon.wait_exit(30)
+        expect(status in (-9, 137), f"{request} was not killed at write {at} (status {status})")
+        mapped = subprocess.run(["qlx-mapdisk", DISK], capture_output=True, text=True)
+        expect(mapped.returncode == 0, f"qlx-mapdisk failed: {mapped.stderr.strip()}")
+        after = Table()
+        expect_equal(after.entries["Update"][2] < after.last_usable, not shrunk,
+                     f"Update moved by the {request} killed at write {at}")
+        expect_disk_consistent(update)
+    expect_equal(digest(KEEP), data_hash, "hash of the file on the data partition")
+    expect_file_system_sound()

@@ -57,12 +57,13 @@ class Daemon:
         self.proc = None
         self.log_file = None
 
-    def start(self):
+    def start(self, wrapper=()):
+        """wrapper: a command line the daemon runs under (strace, for one)."""
         if not os.access(HELPER, os.X_OK):
             raise Failure(f"vexd_helper is not built ({HELPER})")
         stale = _socket_identity()
         console = open(CONSOLE, "ab")
-        self.proc = subprocess.Popen([HELPER], stdin=subprocess.DEVNULL, stdout=console,
+        self.proc = subprocess.Popen([*wrapper, HELPER], stdin=subprocess.DEVNULL, stdout=console,
                                      stderr=console, cwd="/")
         console.close()
         deadline = time.monotonic() + 10
