@@ -162,9 +162,15 @@ std::string formatMessage(std::string_view fmt, std::span<const FormatArg> args)
     }
     if (next >= args.size()) continue;  // a missing argument renders empty and is never read
     const FormatArg& arg = args[next++];
-    std::string conversion = "%" + flags;
+    // Built by appending only: GCC 12 misreads `"literal" + string` as an
+    // overlapping copy (-Wrestrict) in optimised builds.
+    std::string conversion(1, '%');
+    conversion += flags;
     if (width > 0) conversion += std::to_string(width);
-    if (precision >= 0) conversion += "." + std::to_string(precision);
+    if (precision >= 0) {
+      conversion += '.';
+      conversion += std::to_string(precision);
+    }
     switch (conv) {
       case '@':
       case 's':
