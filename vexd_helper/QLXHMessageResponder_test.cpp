@@ -252,6 +252,32 @@ TEST_F(FrameTest, ADisconnectClearsTheCurrentConnection) {
   QLXHMessageResponder::sharedInstance().sendData({1, 2});
 }
 
+// Another client's connect, request or disconnect while a request runs must
+// neither take its replies nor clear where they go.
+TEST_F(FrameTest, OtherClientsCannotTakeOrEraseARunningRequestsReplies) {
+  QLXHRequestTable::registerOperation("testSlow:",
+                                      [](QLXHMessageResponder& responder, const platform::Value&) {
+                                        responder.sendProgress(10);
+                                        std::this_thread::sleep_for(300ms);
+                                        responder.sendProgress(90);
+                                        return true;
+                                      });
+  auto slow = connect();
+  ASSERT_TRUE(slow->send(request({{"testSlow:", ovix::Object::makeBool(true)}})));
+  std::this_thread::sleep_for(50ms);
+  auto other = connect();
+  ASSERT_TRUE(other->send(request({{"testPass:", ovix::Object::makeBool(true)}})));
+  auto leaving = connect();
+  leaving->cancel();
+  ovix::Object early = ovix::Object::makeDictionary();
+  early.setInt64("Progress", 10);
+  ovix::Object late = ovix::Object::makeDictionary();
+  late.setInt64("Progress", 90);
+  EXPECT_EQ(replies(*slow),
+            (std::vector<std::string>{early.description(), late.description(), pass()}));
+  EXPECT_EQ(replies(*other), std::vector<std::string>{pass()});
+}
+
 TEST_F(FrameTest, SecondListenerStartChangesNothing) {
   EXPECT_EQ(QLXH_start_listener(), 0);
   auto client = connect();

@@ -17,6 +17,10 @@ namespace {
 std::mutex gListenerLock;
 std::shared_ptr<ovix::Listener> gListener;  // kept for the life of the process
 
+// One request at a time, process-wide: the responder's current connection is
+// shared, so it may change only while no other client's request runs.
+std::mutex gRequestLock;
+
 [[noreturn]] void endProcess(int status) {
   if (platform::Process* process = platform::shared().process) process->exit(status);
   std::fflush(nullptr);
@@ -83,6 +87,7 @@ void QLXH_handle_connection(const std::shared_ptr<ovix::Connection>& connection)
     if (event.isError()) {
       if (event == ovix::errorConnectionInvalid()) {
         QLXHLog("Ovix disconnected by client");
+        std::lock_guard<std::mutex> serving(gRequestLock);
         responder.setConnection(nullptr);
       } else if (event == ovix::errorTerminationImminent()) {
         QLXHLog("Ovix connection will be closed");
@@ -92,6 +97,7 @@ void QLXH_handle_connection(const std::shared_ptr<ovix::Connection>& connection)
     QLXHLog("Received an Ovix request?");
     if (!event.isDictionary()) assertDictionary();
     QLXHLog("QLXH: Received a Ovix request");
+    std::lock_guard<std::mutex> serving(gRequestLock);
     responder.setConnection(connection);
     responder.handleOvixMessage(event);
     QLXHLog("Message handled");
