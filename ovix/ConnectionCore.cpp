@@ -15,6 +15,7 @@ namespace ovix {
 ConnectionCore::ConnectionCore(platform::UniqueFd socket)
     : socket_(std::move(socket)), wake_(socket::makeWakeFd()), queue_(SerialQueue::create()) {
   token_ = socket::peerToken(socket_.get(), pidfd_);
+  pidfdsPassed_ = credentials::passesPidfds(socket_.get());
 }
 
 std::shared_ptr<ConnectionCore> ConnectionCore::start(platform::UniqueFd socket) {
@@ -87,6 +88,7 @@ std::optional<Object> ConnectionCore::receive(std::chrono::milliseconds timeout)
     Pending p = std::move(inbox_.front());
     inbox_.pop_front();
     releasePendingLocked(p.bytes);
+    serve(p.sender);
     return std::move(p.event);
   }
   if (lastDelivered_) return errorConnectionInvalid();
@@ -158,34 +160,50 @@ bool ConnectionCore::readPausedLocked() const {
 // stream ended (orderly or not) or broke the protocol.
 bool ConnectionCore::readAvailable() {
   std::uint8_t buffer[64 * 1024];
-  const ssize_t n = ::recv(socket_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
-  if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-  if (n == 0) return false;
-  reader_.append(buffer, static_cast<std::size_t>(n));
+  Received r = credentials::receive(socket_.get(), buffer, sizeof buffer, pidfdsPassed_);
+  if (r.bytes < 0) return r.error == EAGAIN || r.error == EWOULDBLOCK || r.error == EINTR;
+  if (r.bytes == 0) return false;
+  // One frame, one sender: bytes of another process finishing a frame that
+  // this one began would borrow its credentials.
+  if (reader_.holdsPartialFrame() && (partialSender_.has_value() != r.sender.has_value() ||
+                                      (r.sender && !partialSender_->sameAs(*r.sender)))) {
+    return false;
+  }
+  reader_.append(buffer, static_cast<std::size_t>(r.bytes));
   for (;;) {
     Object message;
     std::string error;
     switch (reader_.next(message, error)) {
       case FrameReader::Status::NeedMore:
+        partialSender_ = reader_.holdsPartialFrame() ? r.sender : std::nullopt;
         return true;
       case FrameReader::Status::Error:
         return false;
       case FrameReader::Status::Frame:
-        postMessage(std::move(message), reader_.lastFrameSize());
+        postMessage(std::move(message), reader_.lastFrameSize(), r.sender);
         break;
     }
   }
 }
 
-void ConnectionCore::postMessage(Object message, std::size_t bytes) {
+void ConnectionCore::postMessage(Object message, std::size_t bytes, std::optional<Sender> sender) {
   {
     std::lock_guard lock(mutex_);
     ++pendingFrames_;
     pendingBytes_ += bytes;
   }
   auto self = shared_from_this();
-  queue_->post(
-      [self, message = std::move(message), bytes] { self->deliver(message, bytes, false); });
+  queue_->post([self, message = std::move(message), bytes, sender = std::move(sender)] {
+    self->deliver(message, bytes, false, sender);
+  });
+}
+
+// The message about to be served names its own sender; frames read from a
+// socket that passes no credentials (a client's) keep the peer's.
+void ConnectionCore::serve(const std::optional<Sender>& sender) {
+  if (!sender) return;
+  token_ = sender->token();
+  servedPidfd_ = sender->pidfd;
 }
 
 void ConnectionCore::flushLocked() {
@@ -228,18 +246,20 @@ void ConnectionCore::finish() {
   queue_->close();
 }
 
-void ConnectionCore::deliver(const Object& event, std::size_t bytes, bool last) {
+void ConnectionCore::deliver(const Object& event, std::size_t bytes, bool last,
+                             const std::optional<Sender>& sender) {
   EventHandler handler;
   {
     std::lock_guard lock(mutex_);
     handler = handler_;
     if (!handler) {
-      inbox_.push_back(Pending{event, bytes});
+      inbox_.push_back(Pending{event, bytes, sender});
       if (last) lastDelivered_ = true;
       inboxChanged_.notify_all();
       return;
     }
   }
+  serve(sender);
   handler(event);
   EventHandler released;
   {

@@ -14,6 +14,7 @@
 
 #include "ovix/FrameReader.h"
 #include "ovix/Object.h"
+#include "ovix/SenderCredentials.h"
 #include "ovix/SerialQueue.h"
 #include "platform/AuditToken.h"
 #include "platform/linux/UniqueFd.h"
@@ -46,6 +47,8 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   std::optional<Object> receive(std::chrono::milliseconds timeout);
   // False once the connection has delivered its last event.
   bool postTerminationImminent();
+  // The sender of the message being served (from its queue: the handler or
+  // receive()); before the first one, the peer as it connected.
   const platform::AuditToken& token() const { return token_; }
 
   explicit ConnectionCore(platform::UniqueFd socket);
@@ -54,14 +57,17 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   struct Pending {
     Object event;
     std::size_t bytes;
+    std::optional<Sender> sender;
   };
 
   static void ioLoop(std::shared_ptr<ConnectionCore> self);
   bool readAvailable();
-  void postMessage(Object message, std::size_t bytes);
+  void postMessage(Object message, std::size_t bytes, std::optional<Sender> sender);
+  void serve(const std::optional<Sender>& sender);
   void flushLocked();
   void finish();
-  void deliver(const Object& event, std::size_t bytes, bool last);
+  void deliver(const Object& event, std::size_t bytes, bool last,
+               const std::optional<Sender>& sender = std::nullopt);
   void releasePendingLocked(std::size_t bytes);
   bool readPausedLocked() const;
 
@@ -69,8 +75,12 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   platform::UniqueFd pidfd_;
   platform::UniqueFd wake_;
   platform::AuditToken token_;
+  std::shared_ptr<platform::UniqueFd> servedPidfd_;  // keeps token_.pidfd open
+  bool pidfdsPassed_ = false;
   std::shared_ptr<SerialQueue> queue_;
   FrameReader reader_;  // I/O thread only
+  // Who sent the first bytes of the frame being reassembled (I/O thread).
+  std::optional<Sender> partialSender_;
 
   std::mutex mutex_;
   std::condition_variable inboxChanged_;
