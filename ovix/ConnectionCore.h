@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 
+#include "ovix/ClientQuota.h"
 #include "ovix/FrameReader.h"
 #include "ovix/Object.h"
 #include "ovix/SenderCredentials.h"
@@ -33,9 +34,12 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   // After cancel(), how long queued frames may wait for a peer that takes
   // none of them before they are dropped.
   static constexpr std::chrono::seconds kDrainStall{1};
+  static constexpr int kQuotaRetryMs = 50;
 
   // Takes the connected socket, records the peer and starts the I/O thread.
-  static std::shared_ptr<ConnectionCore> start(platform::UniqueFd socket);
+  // A service's connection comes with its client's share of the quota.
+  static std::shared_ptr<ConnectionCore> start(
+      platform::UniqueFd socket, std::unique_ptr<ClientQuota::Ticket> ticket = nullptr);
 
   void setHandler(EventHandler handler);
   void resume();
@@ -61,7 +65,7 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   };
 
   static void ioLoop(std::shared_ptr<ConnectionCore> self);
-  bool readAvailable();
+  bool readAvailable(bool hungUp);
   void postMessage(Object message, std::size_t bytes, std::optional<Sender> sender);
   void serve(const std::optional<Sender>& sender);
   void flushLocked();
@@ -81,6 +85,8 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   FrameReader reader_;  // I/O thread only
   // Who sent the first bytes of the frame being reassembled (I/O thread).
   std::optional<Sender> partialSender_;
+  std::unique_ptr<ClientQuota::Ticket> ticket_;  // null: not bounded
+  bool quotaPaused_ = false;                     // I/O thread only
 
   std::mutex mutex_;
   std::condition_variable inboxChanged_;

@@ -138,6 +138,13 @@ platform::AuditToken peerToken(int fd, UniqueFd& pidfd) {
   return token;
 }
 
+std::uint32_t peerUid(int fd) {
+  ucred cred{};
+  socklen_t len = sizeof cred;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return 65534;
+  return cred.uid;
+}
+
 UniqueFd makeWakeFd() { return UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)); }
 
 void signalWake(int fd) {

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "logging/QLXHLog.h"
+#include "ovix/ClientQuota.h"
 #include "ovix/Connection.h"
 #include "ovix/Listener.h"
 #include "ovix/Object.h"
@@ -73,6 +74,8 @@ int QLXH_start_listener() {
     endProcess(1);
   }
   gListener = *created;
+  ovix::ClientQuota::shared()->setReporter(
+      [](const std::string& message) { QLXHLog("%s", message.c_str()); });
   gListener->setEventHandler(handleListenerEvent);
   gListener->resume();
   return 0;
