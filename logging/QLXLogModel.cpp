@@ -45,19 +45,52 @@ void QLXLogModel::console(const std::string& message) {
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
-void QLXLogModel::logWithFormat(std::string_view format,
-                                std::span<const logging::FormatArg> args) {
+void QLXLogModel::logWithFormat(std::string_view format, std::span<const logging::FormatArg> args) {
   logMessage(logging::formatMessage(format, args));
 }
 
 void QLXLogModel::logMessage(const std::string& message) {
   if (std::FILE* fp = logFP()) {
-    std::string line = platform::formatDate(now()) + " " + message + "\n";
+    std::string stamp = platform::formatDate(now()) + " ";
+    std::string line = stamp + message + "\n";
     std::lock_guard<std::mutex> guard(lock_);
-    std::fwrite(line.data(), 1, line.size(), fp);
-    std::fflush(fp);
+    if (fileBytes_ + static_cast<std::int64_t>(line.size()) > fileLimit_) {
+      if (!fileFull_) {
+        fileFull_ = true;
+        line = stamp +
+               logging::format(
+                   "The log file has reached its limit of %lld bytes; "
+                   "further messages go to the console only",
+                   static_cast<long long>(fileLimit_)) +
+               "\n";
+      } else {
+        line.clear();
+      }
+    }
+    if (!line.empty()) {
+      std::fwrite(line.data(), 1, line.size(), fp);
+      std::fflush(fp);
+      fileBytes_ += static_cast<std::int64_t>(line.size());
+    }
   }
   console(message);
+}
+
+void QLXLogModel::setLogFP(std::FILE* fp) {
+  std::lock_guard<std::mutex> guard(lock_);
+  fileBytes_ = 0;
+  // Opened for appending: a restart on the same day finds what it wrote.
+  if (fp && std::fseek(fp, 0, SEEK_END) == 0) {
+    const long size = std::ftell(fp);
+    if (size > 0) fileBytes_ = size;
+  }
+  fileFull_ = false;
+  logFP_.store(fp);
+}
+
+void QLXLogModel::setFileSizeLimit(std::int64_t bytes) {
+  std::lock_guard<std::mutex> guard(lock_);
+  fileLimit_ = bytes;
 }
 
 bool QLXLogModel::enableLogToFile(const std::string& rawPath) {
@@ -84,15 +117,14 @@ bool QLXLogModel::enableLogToFilesUnder(const std::string& folder, const std::st
   if (names) {
     for (const std::string& name : *names) {
       std::string full = folder + "/" + name;
-      console(logging::format("Checking existing log file (full path) %@ against %@", full,
-                              cutoff));
+      console(
+          logging::format("Checking existing log file (full path) %@ against %@", full, cutoff));
       auto attributes = fileSystem_->attributesOfItem(full);
       if (!attributes) continue;
       const platform::Value* created = attributes->find(platform::attr::kCreationDate);
       if (!created || !created->date()) continue;
       if (*created->date() < cutoff) {
-        console(logging::format("Removing %@ whose creation date is %@.", full,
-                                *created->date()));
+        console(logging::format("Removing %@ whose creation date is %@.", full, *created->date()));
         (void)fileSystem_->removeItem(full);
       }
     }
@@ -104,6 +136,5 @@ std::string QLXLogModel::fileNameForTodayUnder(const std::string& folder,
                                                const std::string& prefix) {
   // Without a clock there is no time zone to ask; UTC is the honest day.
   platform::CalendarDay day = clock_ ? clock_->localDay(now()) : platform::utcDay(now());
-  return logging::format("%@/%@-%4ld%02ld%02ld.log", folder, prefix, day.year, day.month,
-                         day.day);
+  return logging::format("%@/%@-%4ld%02ld%02ld.log", folder, prefix, day.year, day.month, day.day);
 }
