@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdlib>
 
+#include "logging/ConsoleSink.h"
 #include "logging/Formatter.h"
 #include "platform/Clock.h"
 #include "platform/FileSystem.h"
@@ -41,12 +42,15 @@ void QLXLogModel::console(const std::string& message) {
     consoleSink_(message);
     return;
   }
+  if (const logging::ConsoleSink& sink = logging::processConsoleSink()) {
+    sink(message);
+    return;
+  }
   std::string line = message + "\n";
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
-void QLXLogModel::logWithFormat(std::string_view format,
-                                std::span<const logging::FormatArg> args) {
+void QLXLogModel::logWithFormat(std::string_view format, std::span<const logging::FormatArg> args) {
   logMessage(logging::formatMessage(format, args));
 }
 
@@ -84,15 +88,14 @@ bool QLXLogModel::enableLogToFilesUnder(const std::string& folder, const std::st
   if (names) {
     for (const std::string& name : *names) {
       std::string full = folder + "/" + name;
-      console(logging::format("Checking existing log file (full path) %@ against %@", full,
-                              cutoff));
+      console(
+          logging::format("Checking existing log file (full path) %@ against %@", full, cutoff));
       auto attributes = fileSystem_->attributesOfItem(full);
       if (!attributes) continue;
       const platform::Value* created = attributes->find(platform::attr::kCreationDate);
       if (!created || !created->date()) continue;
       if (*created->date() < cutoff) {
-        console(logging::format("Removing %@ whose creation date is %@.", full,
-                                *created->date()));
+        console(logging::format("Removing %@ whose creation date is %@.", full, *created->date()));
         (void)fileSystem_->removeItem(full);
       }
     }
@@ -104,6 +107,5 @@ std::string QLXLogModel::fileNameForTodayUnder(const std::string& folder,
                                                const std::string& prefix) {
   // Without a clock there is no time zone to ask; UTC is the honest day.
   platform::CalendarDay day = clock_ ? clock_->localDay(now()) : platform::utcDay(now());
-  return logging::format("%@/%@-%4ld%02ld%02ld.log", folder, prefix, day.year, day.month,
-                         day.day);
+  return logging::format("%@/%@-%4ld%02ld%02ld.log", folder, prefix, day.year, day.month, day.day);
 }

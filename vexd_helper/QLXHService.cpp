@@ -11,6 +11,7 @@
 #include "platform/Platform.h"
 #include "platform/Process.h"
 #include "vexd_helper/QLXHMessageResponder.h"
+#include "vexd_helper/QLXHServedMessage.h"
 
 namespace {
 
@@ -92,6 +93,7 @@ void QLXH_handle_connection(const std::shared_ptr<ovix::Connection>& connection)
     QLXHLog("Received an Ovix request?");
     if (!event.isDictionary()) assertDictionary();
     QLXHLog("QLXH: Received a Ovix request");
+    QLXHServedMessage::MessageScope serving;
     responder.setConnection(connection);
     responder.handleOvixMessage(event);
     QLXHLog("Message handled");
