@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdlib>
 
+#include "logging/ConsoleSink.h"
 #include "logging/Formatter.h"
 #include "platform/Clock.h"
 #include "platform/FileSystem.h"
@@ -39,6 +40,10 @@ platform::Date QLXLogModel::now() {
 void QLXLogModel::console(const std::string& message) {
   if (consoleSink_) {
     consoleSink_(message);
+    return;
+  }
+  if (const logging::ConsoleSink& sink = logging::processConsoleSink()) {
+    sink(message);
     return;
   }
   std::string line = message + "\n";

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <thread>
 
+#include "ovix/ActivatedSockets.h"
 #include "ovix/ClientQuota.h"
 #include "ovix/Connection.h"
 #include "ovix/ConnectionCore.h"
@@ -35,8 +36,9 @@ platform::Result<std::shared_ptr<ListenerCore>> ListenerCore::create(std::string
   // Names cannot start with '.', so the lock never collides with a socket.
   auto lock = socket::lockService(dir + "/." + std::string(serviceName) + ".lock");
   if (!lock) return lock.error();
-  // With the lock held, a socket already at the path is a dead process's.
-  auto sock = socket::listenAt(path);
+  // With the lock held, a socket already at the path is a dead process's
+  // (or the one a service manager passed us).
+  auto sock = ActivatedSockets::instance().listenAt(path);
   if (!sock) return sock.error();
 
   Runtime& runtime = Runtime::instance();
@@ -134,7 +136,7 @@ void ListenerCore::acceptLoop(std::shared_ptr<ListenerCore> self) {
 void ListenerCore::finish() {
   // The lock is still ours, so the file at the path is our socket; remove it
   // before letting the lock go, so a successor never loses its own.
-  ::unlink(path_.c_str());
+  if (!ActivatedSockets::instance().forget(socket_.get())) ::unlink(path_.c_str());
   socket_.reset();
   lock_.reset();
   post(errorConnectionInvalid(), true);

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "platform/linux/LinuxVolumeLayer.h"
+#include "vexd_version.h"
 
 namespace {
 
@@ -21,6 +22,10 @@ constexpr const char* kUsage =
 int main(int argc, char** argv) {
   if (argc == 2 && (std::string_view(argv[1]) == "--help" || std::string_view(argv[1]) == "-h")) {
     std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (argc == 2 && std::string_view(argv[1]) == "--version") {
+    std::printf("qlx-mapdisk %s\n", VEXD_VERSION);
     return 0;
   }
   if (argc != 2 || argv[1][0] == '-') {

@@ -9,6 +9,7 @@
 #include "tools/ctl/CtlOptions.h"
 #include "tools/ctl/CtlSession.h"
 #include "tools/ctl/ReplyPrinter.h"
+#include "vexd_version.h"
 
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
@@ -20,6 +21,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     std::fputs(vexdctl::ctlUsage(), stdout);
+    return 0;
+  }
+  if (options.version) {
+    std::printf("vexdctl %s\n", VEXD_VERSION);
     return 0;
   }
   vexdctl::ReplyPrinter printer(stdout, options.json, ::isatty(STDOUT_FILENO) == 1);

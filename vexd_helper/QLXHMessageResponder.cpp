@@ -7,6 +7,7 @@
 #include "platform/Platform.h"
 #include "vexd_helper/OvixDictConv.h"
 #include "vexd_helper/QLXHRequestTable.h"
+#include "vexd_helper/QLXHServedMessage.h"
 
 namespace {
 
@@ -48,6 +49,7 @@ void QLXHMessageResponder::handleOvixMessage(const ovix::Object& message) {
       QLXHLog("%@ does not respond to %@.", "QLXHMessageResponder", key);
       return;
     }
+    QLXHServedMessage::RequestScope served(key);
     if ((*operation)(*this, value))
       sendPassResponse();
     else

@@ -12,6 +12,7 @@
 #include "platform/Platform.h"
 #include "platform/Process.h"
 #include "vexd_helper/QLXHMessageResponder.h"
+#include "vexd_helper/QLXHServedMessage.h"
 
 namespace {
 
@@ -101,6 +102,7 @@ void QLXH_handle_connection(const std::shared_ptr<ovix::Connection>& connection)
     if (!event.isDictionary()) assertDictionary();
     QLXHLog("QLXH: Received a Ovix request");
     std::lock_guard<std::mutex> serving(gRequestLock);
+    QLXHServedMessage::MessageScope served;
     responder.setConnection(connection);
     responder.handleOvixMessage(event);
     QLXHLog("Message handled");

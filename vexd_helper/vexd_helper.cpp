@@ -1,10 +1,15 @@
 // The service's entry: the one place where the Linux platform is wired in.
+#include <cstdio>
 #include <future>
+#include <string_view>
 
+#include "logging/ConsoleSink.h"
 #include "logging/QLXHLog.h"
 #include "logging/QLXLogModel.h"
 #include "manifest/QLXProgressUpdater.h"
+#include "ovix/Connection.h"
 #include "platform/Platform.h"
+#include "platform/linux/JournalConsole.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxDeviceProperties.h"
 #include "platform/linux/LinuxFileSystem.h"
@@ -15,7 +20,9 @@
 #include "platform/linux/LinuxVolumeLayer.h"
 #include "platform/linux/OpenSslDigestService.h"
 #include "vexd_helper/QLXHMessageResponder.h"
+#include "vexd_helper/QLXHServedMessage.h"
 #include "vexd_helper/QLXHService.h"
+#include "vexd_version.h"
 
 namespace {
 
@@ -35,14 +42,42 @@ void installLinuxPlatform() {
       [](std::int64_t percent) { QLXHMessageResponder::sharedInstance().sendProgress(percent); });
 }
 
+// Under systemd, console lines become journal entries that say which request
+// of which client they belong to.
+void logToJournalWhenThere() {
+  if (!platform::JournalConsole::standardErrorIsJournal()) return;
+  auto journal = std::make_shared<platform::JournalConsole>([] {
+    platform::JournalContext context;
+    QLXHServedMessage::Snapshot served = QLXHServedMessage::current();
+    if (!served.serving) return context;
+    context.request = served.request;
+    if (auto connection = QLXHMessageResponder::sharedInstance().connection()) {
+      context.client = connection->auditToken();
+    }
+    return context;
+  });
+  logging::setProcessConsoleSink([journal](const std::string& message) { journal->send(message); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  (void)argc;
+  // The service has no options; these two only answer and end.
+  if (argc == 2 && (std::string_view(argv[1]) == "--help" || std::string_view(argv[1]) == "-h")) {
+    std::puts(
+        "usage: vexd_helper\n\nThe demo daemon's privileged helper; started by systemd "
+        "(vexd_helper.socket).\nSee vexd_helper(8).");
+    return 0;
+  }
+  if (argc == 2 && std::string_view(argv[1]) == "--version") {
+    std::printf("vexd_helper %s\n", VEXD_VERSION);
+    return 0;
+  }
   installLinuxPlatform();
+  logToJournalWhenThere();
   QLXHLog("%s started", argv[0]);
-  (void)QLXLogModel::sharedInstance().enableLogToFilesUnder("/private/var/logs/vexd",
-                                                            "vexd_helper", 5);
+  (void)QLXLogModel::sharedInstance().enableLogToFilesUnder("/private/var/logs/vexd", "vexd_helper",
+                                                            5);
   QLXH_start_listener();
   // The main thread only keeps the process alive; Ovix delivers every event
   // on its own queues.

@@ -10,6 +10,7 @@ namespace vexdctl {
 const char* ctlUsage() {
   return "usage: vexdctl [--service NAME] [--timeout SECONDS] [--json] REQUEST [PARAMETER]\n"
          "       vexdctl [--service NAME] [--timeout SECONDS] [--json] --message JSON\n"
+         "       vexdctl --help | --version\n"
          "\n"
          "Sends {REQUEST: PARAMETER} (PARAMETER is JSON, true when absent) or the whole\n"
          "request dictionary given with --message, and prints every reply until each key\n"
@@ -27,6 +28,9 @@ bool parseCtlArguments(const std::vector<std::string>& args, CtlOptions& options
     const bool hasValue = i + 1 < args.size();
     if (a == "--help" || a == "-h") {
       options.help = true;
+      return true;
+    } else if (a == "--version") {
+      options.version = true;
       return true;
     } else if (a == "--json") {
       options.json = true;

@@ -16,6 +16,7 @@ struct CtlOptions {
   double timeoutSeconds = kDefaultTimeoutSeconds;
   bool json = false;
   bool help = false;
+  bool version = false;
   ovix::Object request = ovix::Object::makeDictionary();
 };
 

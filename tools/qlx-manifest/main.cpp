@@ -29,6 +29,7 @@
 #include "platform/PropertyList.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/OpenSslDigestService.h"
+#include "vexd_version.h"
 
 namespace {
 
@@ -38,14 +39,16 @@ using platform::Value;
 
 constexpr int kTrouble = 2;
 
-int usage() {
+// On request (--help) the usage goes to standard output and is no error.
+int usage(std::FILE* to = stderr) {
   std::fputs(
       "usage: qlx-manifest create ROOT [--relative-to BASE] [--skip PATH]... [--inclusive]\n"
       "                          [--progress] [--hash-threads N] -o FILE\n"
       "       qlx-manifest show FILE\n"
-      "       qlx-manifest diff A B\n",
-      stderr);
-  return kTrouble;
+      "       qlx-manifest diff A B\n"
+      "       qlx-manifest --help | --version\n",
+      to);
+  return to == stdout ? 0 : kTrouble;
 }
 
 int fail(const std::string& message) {
@@ -259,6 +262,11 @@ int diff(platform::Platform& platform, const std::string& a, const std::string& 
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) return usage();
+  if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) return usage(stdout);
+  if (args.size() == 1 && args[0] == "--version") {
+    std::printf("qlx-manifest %s\n", VEXD_VERSION);
+    return 0;
+  }
   platform::LinuxFileSystem fileSystem;
   platform::OpenSslDigestService digests;
   platform::Platform& platform = platform::shared();

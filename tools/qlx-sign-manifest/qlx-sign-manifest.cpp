@@ -26,10 +26,12 @@
 #include "platform/linux/OpenSslDigestService.h"
 #include "tools/signing/FolderPayload.h"
 #include "tools/signing/ManifestSigner.h"
+#include "vexd_version.h"
 
 namespace {
 
-int usage() {
+// On request (--help) the usage goes to standard output and is no error.
+int usage(std::FILE* to = stderr) {
   std::fputs(
       "usage: qlx-sign-manifest sign --key KEY.pem --chain CHAIN.pem [--unchecked] -o OUT "
       "PAYLOAD.plist\n"
@@ -38,9 +40,10 @@ int usage() {
       "           [--info INFO.plist] [--payload-version 3|4] [--app-data ID=DIR]...\n"
       "           [--group-data ID=DIR]... [--extension-data ID=DIR]...\n"
       "       qlx-sign-manifest verify [--production DIR] [--development DIR] [--fuse 0|1] "
-      "MANIFEST\n",
-      stderr);
-  return 2;
+      "MANIFEST\n"
+      "       qlx-sign-manifest --help | --version\n",
+      to);
+  return to == stdout ? 0 : 2;
 }
 
 int fail(const std::string& message) {
@@ -213,6 +216,13 @@ int verify(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   if (argc < 2) return usage();
+  if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+    return usage(stdout);
+  }
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    std::printf("qlx-sign-manifest %s\n", VEXD_VERSION);
+    return 0;
+  }
   if (std::strcmp(argv[1], "sign") == 0) return sign(argc - 2, argv + 2);
   if (std::strcmp(argv[1], "verify") == 0) return verify(argc - 2, argv + 2);
   return usage();
