@@ -51,6 +51,8 @@ void serve() {
       if (!e.isDictionary()) return;
       std::lock_guard lock(oneAtATime);
       if (c->auditToken().uid != 0) return;
+      // A long request (a whole-area walk) holds everyone else's waiting.
+      if (e.get("slow:")) std::this_thread::sleep_for(3s);
       ovix::Object reply = ovix::Object::makeDictionary();
       reply.setBool("Response", true);
       c->send(reply);
@@ -61,12 +63,18 @@ void serve() {
   for (;;) ::pause();
 }
 
-long rssKiB(pid_t pid) {
+long statusKiB(pid_t pid, const std::string& field) {
   std::ifstream status("/proc/" + std::to_string(pid) + "/status");
   for (std::string line; std::getline(status, line);)
-    if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
+    if (line.rfind(field, 0) == 0) return std::strtol(line.c_str() + field.size(), nullptr, 10);
   return -1;
 }
+
+long rssKiB(pid_t pid) { return statusKiB(pid, "VmRSS:"); }
+
+// The peak since resetPeak(): a load may come and go between two looks.
+long peakKiB(pid_t pid) { return statusKiB(pid, "VmHWM:"); }
+void resetPeak(pid_t pid) { std::ofstream("/proc/" + std::to_string(pid) + "/clear_refs") << "5"; }
 
 // Forks a process running as `uid` that opens `count` connections, runs
 // `body` on each, then holds them until `release` is closed by the parent.
@@ -116,6 +124,33 @@ void partialFrame(int fd) {
   }
 }
 
+// Four frames, each an array of 250,000 nulls: 250 KB on the wire, many
+// times that as objects, all waiting behind a long request.
+void tinyValueFrames(int fd) {
+  constexpr std::uint32_t kCount = 250000;
+  std::vector<std::uint8_t> frame = {'O', 'V', 'X', 'F', 1, 0, 0, 0};
+  const std::uint32_t payload = 4 + 4 + 1 + 1 + 4 + kCount;
+  for (int i = 0; i < 4; ++i) frame.push_back(static_cast<std::uint8_t>(payload >> (8 * i)));
+  const std::uint8_t body[] = {1, 0, 0, 0, 1, 0, 0, 0, 'a', 0x09};
+  frame.insert(frame.end(), body, body + sizeof body);
+  for (int i = 0; i < 4; ++i) frame.push_back(static_cast<std::uint8_t>(kCount >> (8 * i)));
+  frame.insert(frame.end(), kCount, 0x00);
+  ::fcntl(fd, F_SETFL, O_NONBLOCK);
+  for (int n = 0; n < 4; ++n) {
+    std::size_t sent = 0;
+    auto lastProgress = Clock::now();
+    while (sent < frame.size() && Clock::now() - lastProgress < 500ms) {
+      const ssize_t w = ::send(fd, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
+      if (w > 0) {
+        sent += static_cast<std::size_t>(w);
+        lastProgress = Clock::now();
+      } else {
+        std::this_thread::sleep_for(5ms);
+      }
+    }
+  }
+}
+
 double medianRoundTripUs(int rounds) {
   auto c = ovix::Connection::connect(kService);
   if (!c) return -1;
@@ -159,14 +194,25 @@ void stop(Load& load) {
 }
 
 void phase(const char* name, pid_t server, double idleUs, const std::vector<uid_t>& uids,
-           int perUid, void (*body)(int), double sentMiBEach) {
+           int perUid, void (*body)(int), double sentMiBEach, bool behindSlow = false) {
   const long before = rssKiB(server);
+  resetPeak(server);
+  std::shared_ptr<ovix::Connection> slow;
+  if (behindSlow) {
+    auto c = ovix::Connection::connect(kService);
+    if (!c) return;
+    slow = *c;
+    ovix::Object request = ovix::Object::makeDictionary();
+    request.setBool("slow:", true);
+    slow->send(request);
+  }
   Load load = start(uids, perUid, body);
   std::fprintf(stderr, "%s: load in place\n", name);
   std::this_thread::sleep_for(500ms);
   const long during = rssKiB(server);
   const double busyUs = medianRoundTripUs(200);
   stop(load);
+  const long peak = peakKiB(server);
   std::this_thread::sleep_for(1500ms);
   const long after = rssKiB(server);
   const double grownMiB = static_cast<double>(during - before) / 1024;
@@ -176,7 +222,8 @@ void phase(const char* name, pid_t server, double idleUs, const std::vector<uid_
   if (sentMiBEach > 0)
     std::printf("; %.3f of the %.0f MiB the load sent", grownMiB / (sentMiBEach * connections),
                 sentMiBEach * connections);
-  std::printf("), %.1f MiB after it left\n", after / 1024.0);
+  std::printf("), peak +%.1f MiB, %.1f MiB after it left\n", (peak - before) / 1024.0,
+              after / 1024.0);
   std::printf("%s: entitled round trip median %.0f us under load, %.0f us idle (ratio %.2f)\n",
               name, busyUs, idleUs, busyUs / idleUs);
 }
@@ -207,6 +254,8 @@ int main() {
   std::vector<uid_t> sixteen;
   for (uid_t u = 60101; u <= 60116; ++u) sixteen.push_back(u);
   phase("1008 idle connections", server, idleUs, sixteen, 63, idle, 0);
+  phase("64 frames of 250,000 nulls behind a 3 s request", server, idleUs, {60001, 60002}, 8,
+        tinyValueFrames, 1.0, true);
   ::kill(server, SIGKILL);
   ::waitpid(server, nullptr, 0);
   std::string cleanup = std::string("rm -rf ") + dir;

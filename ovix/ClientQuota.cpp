@@ -97,6 +97,15 @@ std::size_t ClientQuota::Ticket::take(std::size_t wanted) {
   return granted;
 }
 
+void ClientQuota::Ticket::charge(std::size_t bytes) {
+  if (uid_ == 0 || bytes == 0) return;
+  ClientQuota& q = *quota_;
+  std::lock_guard lock(q.mutex_);
+  q.accounts_[uid_].bytes += bytes;
+  q.bytes_ += bytes;
+  held_ += bytes;
+}
+
 void ClientQuota::Ticket::give(std::size_t bytes) {
   if (uid_ == 0 || bytes == 0) return;
   ClientQuota& q = *quota_;

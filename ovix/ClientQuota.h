@@ -35,6 +35,10 @@ class ClientQuota : public std::enable_shared_from_this<ClientQuota> {
 
     // Up to `wanted` bytes this connection may receive now (0: wait).
     std::size_t take(std::size_t wanted);
+    // Memory taken beyond the bytes received (a frame's decoded objects),
+    // counted even past the caps: it is already spent, and until it is given
+    // back the account's connections read nothing more.
+    void charge(std::size_t bytes);
     // Received bytes that were handled (or dropped).
     void give(std::size_t bytes);
     // The connection is closed: its slot is free; bytes still waiting for

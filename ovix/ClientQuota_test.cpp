@@ -71,6 +71,15 @@ TEST_F(ClientQuotaTest, BytesAreGrantedUpToTheCapsAndComeBackWhenHandledOrClosed
   EXPECT_EQ(c->take(200), 50u) << "the uid's own cap again";
   auto root = quota->admit(0);
   EXPECT_EQ(root->take(1u << 30), 1u << 30);
+
+  // Decoded objects are counted past the cap, pausing the account until
+  // they are given back.
+  c.reset();
+  auto d = quota->admit(1001);
+  d->charge(500);
+  EXPECT_EQ(d->take(1), 0u);
+  d->give(500);
+  EXPECT_EQ(d->take(10), 10u);
 }
 
 }  // namespace

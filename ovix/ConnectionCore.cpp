@@ -198,9 +198,14 @@ bool ConnectionCore::readAvailable(bool hungUp) {
         return true;
       case FrameReader::Status::Error:
         return false;
-      case FrameReader::Status::Frame:
-        postMessage(std::move(message), reader_.lastFrameSize(), r.sender);
+      case FrameReader::Status::Frame: {
+        // From here on the frame counts as what it holds decoded, until
+        // its handler is done with it.
+        const std::size_t cost = reader_.lastFrameCost();
+        if (ticket_) ticket_->charge(cost - reader_.lastFrameSize());
+        postMessage(std::move(message), cost, r.sender);
         break;
+      }
     }
   }
 }

@@ -371,5 +371,55 @@ TEST_F(OvixConnection, EachFrameIsServedAsTheProcessThatWroteIt) {
   EXPECT_EQ(seen->pids.size(), 3u);
 }
 
+// An account over its byte quota waits, and when it leaves, the frames it
+// never finished are dropped and their room comes back, even when they
+// held all of it; root is served meanwhile.
+TEST_F(OvixConnection, AnAccountHoldingItsWholeQuotaIsServedNeverAndFreedWhenItLeaves) {
+  OVIX_SKIP_IF_FORK_UNSAFE();
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to start a peer as another user";
+  auto events = EventRecorder::make();
+  listen("svc.quota", echo(events));
+  ChildProcess child([] {
+    if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
+        ::setresuid(65534, 65534, 65534) != 0)
+      return 20;
+    // Two unfinished 16 MiB frames: more than one account may have waiting.
+    std::vector<std::uint8_t> bytes(12 + (15u << 20), 0);
+    const std::uint8_t header[12] = {'O', 'V', 'X', 'F', 1, 0, 0, 0, 0, 0, 0, 1};
+    std::copy(header, header + 12, bytes.begin());
+    std::vector<platform::UniqueFd> held;
+    for (int i = 0; i < 2; ++i) {
+      auto fd = socket::connectTo(socketPathForService("svc.quota"));
+      if (!fd) return 21;
+      std::size_t sent = 0;
+      for (int stalls = 0; sent < bytes.size() && stalls < 30;) {
+        const ssize_t n = ::send(fd->get(), bytes.data() + sent, bytes.size() - sent,
+                                 MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+          sent += static_cast<std::size_t>(n);
+          stalls = 0;
+        } else {
+          ++stalls;
+          std::this_thread::sleep_for(10ms);
+        }
+      }
+      held.push_back(std::move(fd.value()));
+    }
+    std::this_thread::sleep_for(300ms);
+    return 0;  // leaves with both frames unfinished
+  });
+  ASSERT_NE(acceptedAt(1), nullptr);
+  auto root = Connection::connect("svc.quota");
+  ASSERT_TRUE(root);
+  ASSERT_TRUE((*root)->send(request("root", 1)));
+  auto echoed = (*root)->receive(2s);
+  ASSERT_TRUE(echoed);
+  EXPECT_EQ(*echoed, request("root", 1));
+  EXPECT_EQ(child.wait(), 0);
+  for (int i = 0; i < 500 && events->countOf(errorConnectionInvalid()) < 2; ++i)
+    std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(events->countOf(errorConnectionInvalid()), 2u) << "both of its connections end";
+}
+
 }  // namespace
 }  // namespace ovix

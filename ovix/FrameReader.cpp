@@ -1,5 +1,6 @@
 #include "ovix/FrameReader.h"
 
+#include <algorithm>
 #include <span>
 
 #include "ovix/WireFormat.h"
@@ -32,6 +33,9 @@ FrameReader::Status FrameReader::next(Object& message, std::string& error) {
     return Status::Error;
   }
   lastFrameSize_ = wire::kHeaderSize + header.payloadLength;
+  // Each value is an object, and a dictionary's a key beside it.
+  lastFrameCost_ =
+      std::max(lastFrameSize_, decoded.objects * (sizeof(Object) + sizeof(std::string)));
   start_ += lastFrameSize_;
   message = std::move(*decoded.message);
   // The buffer grew with a large frame; an idle connection keeps none of it.

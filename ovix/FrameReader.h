@@ -29,12 +29,16 @@ class FrameReader {
 
   // Header and payload size of the frame next() last returned.
   std::size_t lastFrameSize() const { return lastFrameSize_; }
+  // What that frame holds in memory once decoded (at least its size): a
+  // frame of tiny values takes far more room as objects than on the wire.
+  std::size_t lastFrameCost() const { return lastFrameCost_; }
 
  private:
   static constexpr std::size_t kKeptCapacity = 256 * 1024;
   Bytes buffer_;
   std::size_t start_ = 0;
   std::size_t lastFrameSize_ = 0;
+  std::size_t lastFrameCost_ = 0;
 };
 
 }  // namespace ovix

@@ -34,6 +34,7 @@ class Decoder {
   }
 
   bool atEnd() const { return p_ == end_; }
+  std::size_t objects() const { return objects_; }
   std::string error;
 
  private:
@@ -192,6 +193,7 @@ DecodeResult decodePayload(std::span<const std::uint8_t> payload) {
   }
   if (dict) {
     r.message = std::move(dict);
+    r.objects = decoder.objects();
   } else {
     r.error = decoder.error;
   }

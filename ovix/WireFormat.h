@@ -48,6 +48,7 @@ HeaderResult decodeHeader(std::span<const std::uint8_t, kHeaderSize> header);
 struct DecodeResult {
   std::optional<Object> message;
   std::string error;
+  std::size_t objects = 0;  // values in the message, the top level included
 };
 DecodeResult decodePayload(std::span<const std::uint8_t> payload);
 

@@ -12,4 +12,4 @@ import harness  # noqa: E402
 
 sys.exit(harness.main_inside(["cases_frame", "cases_grants", "cases_containers",
                               "cases_manifest", "cases_restore", "cases_nvram", "cases_storage",
-                              "cases_faults"]))
+                              "cases_faults", "cases_attack"]))

@@ -19,7 +19,8 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 PROJECT = os.path.dirname(os.path.dirname(HERE))
 SANDBOX = os.path.join(PROJECT, "scripts", "device-sandbox")
-INSIDE_GROUPS = ("frame", "containers", "manifest", "restore", "nvram", "storage", "faults")
+INSIDE_GROUPS = ("frame", "containers", "manifest", "restore", "nvram", "storage", "faults",
+                 "attack")
 GROUPS = INSIDE_GROUPS + ("device",)
 SKIPPED = 77
 GROUP_TIMEOUT = 600
