@@ -4,8 +4,12 @@
   A: 20,000 files of 0 to 64 KiB in 400 folders (about 650 MB), 25 symbolic
      links, user extended attributes on every tenth file.
   B: 8 files of 256 MiB.
+  C: FILES (default 200,000) files of 512 bytes in FILES / 200 folders: a data
+     area of databases, preferences and caches, where the cost per entry
+     outweighs hashing.
 
-usage: make_manifest_trees.py DEST   (makes DEST/A and DEST/B)
+usage: make_manifest_trees.py DEST          (makes DEST/A and DEST/B)
+       make_manifest_trees.py DEST C [FILES] (makes DEST/C)
 The contents come from a seeded generator, so every run makes the same bytes.
 """
 import os
@@ -43,11 +47,28 @@ def make_b(root):
                 f.write(rng.randbytes(16 * MiB))
 
 
+def make_c(root, files):
+    rng = random.Random(512)
+    per_folder = 200
+    for i in range(files):
+        if i % per_folder == 0:
+            folder = os.path.join(root, "d%04d" % (i // per_folder // 100),
+                                  "s%02d" % (i // per_folder % 100))
+            os.makedirs(folder, exist_ok=True)
+        with open(os.path.join(folder, "f%07d.db" % i), "wb") as f:
+            f.write(rng.randbytes(512))
+
+
 def main():
-    if len(sys.argv) != 2:
+    if len(sys.argv) not in (2, 3, 4) or (len(sys.argv) > 2 and sys.argv[2] != "C"):
         sys.exit(__doc__)
     dest = sys.argv[1]
-    for name, make in (("A", make_a), ("B", make_b)):
+    if len(sys.argv) > 2:
+        files = int(sys.argv[3]) if len(sys.argv) > 3 else 200000
+        trees = (("C", lambda root: make_c(root, files)),)
+    else:
+        trees = (("A", make_a), ("B", make_b))
+    for name, make in trees:
         root = os.path.join(dest, name)
         if os.path.exists(root):
             print("keeping existing", root)

@@ -29,6 +29,9 @@ QLXFileHashOutcome QLXFileHasher::compute(const std::string& path,
     if (*n == 0) break;
     bytes += *n;
     digest_->update(std::span<const std::uint8_t>(buffer_.data(), *n));
+    // All the bytes the file held when opened: the read that would answer
+    // its end is saved, and growth since shows in the identity below.
+    if (before && before->size > 0 && bytes == before->size) break;
   }
   QLXFileHashOutcome outcome{Status::Hashed, digest_->finish(), std::nullopt};
   // The digest describes the identity only if nothing was written while it

@@ -122,7 +122,7 @@ TEST_F(QLXManifestWalkTest, HashingAheadChangesNeitherRecordsNorMessagesNorStops
     EXPECT_EQ(line.find(files[200]), std::string::npos) << line;
 }
 
-// Appends to one file once, either while its first reader is at its end or
+// Appends to one file once, either right after its first reader's first read or
 // after that reader is done and just before the walk reads its attributes.
 class AppendingFileSystem : public ForwardingFileSystem {
  public:
@@ -160,7 +160,7 @@ class AppendingFileSystem : public ForwardingFileSystem {
     }
     platform::Result<std::size_t> read(std::span<std::uint8_t> buffer) override {
       auto n = inner_->read(buffer);
-      if (n && *n == 0 && fs_.when_ == When::WhileRead) {
+      if (n && *n > 0 && fs_.when_ == When::WhileRead) {
         std::lock_guard<std::mutex> guard(fs_.lock_);
         fs_.appendOnce();
       }

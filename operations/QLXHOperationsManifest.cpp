@@ -1,12 +1,12 @@
 // The device manifest, hard links into staging and the staging move.
 #include "logging/QLXHLog.h"
 #include "manifest/QLXManifest.h"
+#include "manifest/QLXManifestWriter.h"
 #include "manifest/QLXProgressUpdater.h"
 #include "operations/QLXHOperations.h"
 #include "ovix/Transaction.h"
 #include "platform/FileSystem.h"
 #include "platform/Platform.h"
-#include "platform/PropertyList.h"
 
 namespace {
 
@@ -42,15 +42,22 @@ bool QLXHOperations::createDeviceManifest(const platform::Value& pathValue, bool
     skip = manifest.immediateHiddenFilesUnderPath(*path);
   }
 
-  bool collected = manifest.addFilesFromPath(root, base, skip, inclusive);
+  // Records go to the file as they are collected, so a walk of a million
+  // files holds none of them; the file takes the old one's place only when
+  // the walk succeeds.
+  QLXManifestWriter writer(*platform_.fileSystem, paths_.deviceManifestPath);
+  bool collected = manifest.enumerateAndCollectMetaData(
+      root, base, skip, inclusive, [&writer](QLXFileMetadata& record, const std::string& relative) {
+        writer.add(std::move(record), relative);
+        return true;
+      });
   if (!collected) {
     QLXHLog("Cannot create device manifest - 1");
     return false;
   }
   // The walk's result is what is reported; a failed write keeps the previous
-  // manifest whole (the file is replaced in one step) and is not reported.
-  auto bytes = platform::writeBinaryPropertyList(platform::Value(std::move(manifest.dict())));
-  if (bytes) (void)platform_.fileSystem->createFile(paths_.deviceManifestPath, *bytes);
+  // manifest whole and is not reported.
+  (void)writer.commit();
   QLXHLog("Device manifest created (for %@)", *path);
   return true;
 }

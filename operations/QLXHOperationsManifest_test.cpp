@@ -65,6 +65,17 @@ TEST_F(DeviceManifestTest, WholeDataAreaIsWalkedFromVarRelativeToPrivateWithProg
     EXPECT_TRUE(std::is_sorted(progress_.begin(), progress_.end()));
     EXPECT_GE(progress_.back(), 100);
     EXPECT_TRUE(log_.contains(std::string("Device manifest created (for ") + request + ")"));
+    // The file being written lies in the walked tree but has no name
+    // until the walk is over: the walk never meets it.
+    for (const std::string& key : manifest.keys()) {
+      if (key.rfind("/var/QLXWorkContainer/", 0) == 0) {
+        EXPECT_EQ(key, "/var/QLXWorkContainer/DeviceManifest.plist");
+      }
+    }
+    EXPECT_EQ(
+        std::distance(std::filesystem::directory_iterator(dir_ / "private/var/QLXWorkContainer"),
+                      std::filesystem::directory_iterator()),
+        1);
   }
   EXPECT_TRUE(log_.contains("Will create device manifest..."));
 }
@@ -105,6 +116,10 @@ TEST_F(DeviceManifestTest, AFailedWalkKeepsThePreviousManifest) {
   EXPECT_TRUE(log_.contains("Cannot create device manifest - 1"));
   std::ifstream in(paths_.deviceManifestPath);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "previous");
+  EXPECT_EQ(
+      std::distance(std::filesystem::directory_iterator(dir_ / "private/var/QLXWorkContainer"),
+                    std::filesystem::directory_iterator()),
+      1);  // nothing half-written is left beside it
   EXPECT_FALSE(ops.createDeviceManifest(platform::Value(3), false));
 }
 

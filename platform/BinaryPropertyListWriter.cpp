@@ -20,8 +20,9 @@ constexpr int kMaxDepth = 512;
 
 Error writeError(const std::string& what) { return Error{kDomain, 3, what}; }
 
-// UTF-8 to UTF-16 code units; false for malformed input.
-bool toUtf16(std::string_view s, std::vector<std::uint16_t>& out) {
+}  // namespace
+
+bool utf8ToUtf16(std::string_view s, std::vector<std::uint16_t>& out) {
   out.clear();
   for (std::size_t i = 0; i < s.size();) {
     auto c = static_cast<unsigned char>(s[i]);
@@ -57,6 +58,8 @@ bool toUtf16(std::string_view s, std::vector<std::uint16_t>& out) {
   }
   return true;
 }
+
+namespace {
 
 unsigned bytesFor(std::uint64_t n) {
   if (n <= 0xFF) return 1;
@@ -217,7 +220,7 @@ class Writer {
       out_.insert(out_.end(), s.begin(), s.end());
       return true;
     }
-    if (!toUtf16(s, utf16_)) return false;
+    if (!utf8ToUtf16(s, utf16_)) return false;
     putHeader(0x6, utf16_.size());
     for (std::uint16_t u : utf16_) putBE(u, 2);
     return true;

@@ -96,6 +96,19 @@ class ReadableFile {
   virtual Result<FileIdentity> identity() = 0;
 };
 
+// A file written in pieces that replaces the one at its path only when
+// committed. Until then it has no name, so nobody sees it, not even a walk
+// of its folder; dropped uncommitted, it leaves nothing behind.
+class ReplacementFile {
+ public:
+  virtual ~ReplacementFile() = default;
+  virtual Status write(std::span<const std::uint8_t> bytes) = 0;
+  // Reads back bytes already written.
+  virtual Status readAt(std::uint64_t offset, std::span<std::uint8_t> buffer) = 0;
+  // Flushes to the disk and puts the file at its path in one step.
+  virtual Status commit() = 0;
+};
+
 // One object of the file system, reached once and held: every change lands
 // on that very object, whatever is renamed or put at its path afterwards.
 // Errors name the path the object was reached by.
@@ -133,6 +146,9 @@ class FileSystem {
   // Creates or replaces a file holding contents, in one step: readers see
   // the old contents or the new, never a mix, even after a crash.
   virtual Status createFile(const std::string& path, std::span<const std::uint8_t> contents) = 0;
+  // The same for contents written as they are made (mode 0644).
+  virtual Result<std::unique_ptr<ReplacementFile>> createReplacementFile(
+      const std::string& path) = 0;
   // Removes a file, link or whole tree.
   virtual Status removeItem(const std::string& path) = 0;
   // Names directly in a folder, sorted by name.

@@ -13,6 +13,7 @@ class LinuxFileSystem : public FileSystem {
   bool exists(const std::string& path, bool* isDirectory = nullptr) override;
   Status createDirectory(const std::string& path, bool withIntermediates) override;
   Status createFile(const std::string& path, std::span<const std::uint8_t> contents) override;
+  Result<std::unique_ptr<ReplacementFile>> createReplacementFile(const std::string& path) override;
   Status removeItem(const std::string& path) override;
   Result<std::vector<std::string>> contentsOfDirectory(const std::string& path) override;
   Result<Dictionary> attributesOfItem(const std::string& path) override;

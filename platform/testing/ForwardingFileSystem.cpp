@@ -38,6 +38,10 @@ Result<bool> ForwardingFileSystem::resourceValue(const std::string& path, Resour
 Result<std::string> ForwardingFileSystem::destinationOfSymbolicLink(const std::string& path) {
   return inner_.destinationOfSymbolicLink(path);
 }
+Result<std::unique_ptr<ReplacementFile>> ForwardingFileSystem::createReplacementFile(
+    const std::string& path) {
+  return inner_.createReplacementFile(path);
+}
 Status ForwardingFileSystem::moveItem(const std::string& from, const std::string& to) {
   return inner_.moveItem(from, to);
 }

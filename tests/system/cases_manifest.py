@@ -100,6 +100,11 @@ def whole_data_area_reports_progress_and_skips_containers(log):
     expect("/var/mobile/Media/ManifestTree/a.txt" in manifest,
            "paths are not relative to /private")
     expect("/var/mobile/ContainersX/kept" in manifest, "a sibling of a skipped folder is missing")
+    # The manifest being written lies in the walked tree, unnamed until done.
+    half = [k for k in manifest if os.path.basename(k).startswith(".DeviceManifest")]
+    expect_equal(half, [], "half-written manifests in the walk")
+    expect_equal([n for n in os.listdir("/private/var/QLXWorkContainer")
+                  if n.startswith(".DeviceManifest")], [], "files left beside the manifest")
     for skipped in ("/var/mobile/Containers", "/var/containers"):
         expect(not any(k == skipped or k.startswith(skipped + "/") for k in manifest),
                f"{skipped} was walked")

@@ -22,6 +22,7 @@
 
 #include "manifest/QLXFileMetadata.h"
 #include "manifest/QLXManifest.h"
+#include "manifest/QLXManifestWriter.h"
 #include "manifest/QLXProgressUpdater.h"
 #include "platform/BinaryPropertyListWriter.h"
 #include "platform/FileSystem.h"
@@ -109,6 +110,20 @@ int create(platform::Platform& platform, std::vector<std::string> args) {
     std::fprintf(stderr, "Progress: %lld\n", static_cast<long long>(percent));
   });
   if (progress) manifest.setProgressUpdater(&updater);
+  if (output != "-") {
+    // As the service writes it: records streamed to the file as they come.
+    QLXManifestWriter writer(*platform.fileSystem, output);
+    if (!manifest.enumerateAndCollectMetaData(
+            root, base, skip, inclusive,
+            [&writer](QLXFileMetadata& record, const std::string& relative) {
+              writer.add(std::move(record), relative);
+              return true;
+            }))
+      return fail("could not make a manifest of " + root);
+    if (platform::Status written = writer.commit(); !written)
+      return fail("cannot write " + output + ": " + written.error().description);
+    return 0;
+  }
   if (!manifest.addFilesFromPath(root, base, skip, inclusive))
     return fail("could not make a manifest of " + root);
   // Handed over, not copied: the manifest is the largest thing in memory.

@@ -87,6 +87,26 @@ class CreateTest(ToolTest):
         self.assertEqual(manifest["/sub"]["QLXManifestFileExtendedAttributes"], {})
         self.assertEqual(manifest["/"]["QLXManifestFileAttributes"]["FileType"], "Directory")
 
+    def test_streamed_and_whole_encodings_hold_the_same_entries(self):
+        # Written to a file, records are streamed as the walk collects them;
+        # to standard output the whole manifest is encoded at the end.
+        for i in range(300):
+            self.write("t/d%d/f%03d" % (i % 7, i), os.urandom(i * 3))
+            if i % 50 == 0:
+                os.setxattr(self.path("t/d%d/f%03d" % (i % 7, i)), "user.n", b"%d" % i)
+        self.write("t/d1/\u00e9t\u00e9", b"utf-16 in the file")
+        os.symlink("d1/f001", self.path("t/link"))
+        streamed, out, _ = self.create(self.path("t"), "--inclusive")
+        result = subprocess.run([TOOL, "create", self.path("t"), "--inclusive", "-o", "-"],
+                                capture_output=True)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        at_end = plistlib.loads(result.stdout)
+        self.assertEqual(list(streamed), list(at_end))
+        self.assertEqual(streamed, at_end)
+        self.assertEqual(len(streamed), 300 + 7 + 1 + 1 + 1)
+        # Nothing but the manifest is left beside it.
+        self.assertEqual(sorted(n for n in os.listdir(self.dir) if n.startswith(".")), [])
+
     def test_a_data_area_is_relative_to_its_parent(self):
         self.write("private/var/mobile/Media/photo", b"jpg")
         self.write("private/var/mobile/Containers/app/data", b"secret")
