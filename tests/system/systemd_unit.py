@@ -187,12 +187,12 @@ def prepare_root(root, deb, firmware):
     subprocess.run([os.path.join(PROJECT, "scripts", "lib", "sandbox-trust"), root], check=True)
 
 
-def grant_vexdctl(root):
-    path = f"{root}/etc/ovix/entitlements.d/vexdctl.plist"
+def grant(root, name, program, user):
+    path = f"{root}/etc/ovix/entitlements.d/{name}.plist"
     with open(path, "wb") as f:
-        plistlib.dump({"Program": "/usr/bin/vexdctl",
+        plistlib.dump({"Program": program,
                        "Entitlements": {"com.velmor.private.quillex.quillexd": True},
-                       "Users": ["root"]}, f)
+                       "Users": [user]}, f)
     os.chmod(path, 0o644)
 
 
@@ -254,6 +254,14 @@ def requests(box, root, firmware, results):
     done = vexdctl(box, "deleteNvram:", "demo-mode")
     r.check("writeNvram: and deleteNvram: in the EFI variable folder",
             wrote and passed(done) and not os.path.exists(variable), done.stdout + done.stderr)
+    # The demo daemon's case: a client running as mobile, whose program the
+    # service can only read with CAP_SYS_PTRACE.
+    daemon = "/usr/local/bin/demo-daemon-ctl"
+    shutil.copy(f"{root}/usr/bin/vexdctl", f"{root}{daemon}")
+    grant(root, "demo-daemon", daemon, "mobile")
+    done = box.run(f"setpriv --reuid=501 --regid=501 --clear-groups {daemon} --timeout 10 "
+                   f"prepareWorkContainer: '\"{work}\"'")
+    r.check("a client running as mobile is served", passed(done), done.stdout + done.stderr)
     r.skip("shrinkDataPartition:/expandDataPartition:",
            "no loop disk is passed into the container; the storage requests stay covered "
            "by the device sandbox (system.storage)")
@@ -357,7 +365,7 @@ def main():
                       and box.show(UNIT, "ActiveState") == "inactive"
                       and box.run("test -S /run/ovix/com.velmor.quillexdhelper").returncode == 0,
                       box.run(f"systemctl status --no-pager {SOCKET} {UNIT}").stdout)
-        grant_vexdctl(root)
+        grant(root, "vexdctl", "/usr/bin/vexdctl", "root")
 
         done = vexdctl(box, "prepareWorkContainer:", f"{VAR}/QLXWorkContainer")
         if not results.check("the first connection starts the service",
