@@ -329,6 +329,12 @@ def main():
             return 1
 
     started = time.monotonic()
+    # Stuck somewhere: the exception still passes through the clean-up below,
+    # well before the outer process's own limit would kill this one outright.
+    def overdue(signum, frame):
+        raise TimeoutError("the run took over 240 s")
+    signal.signal(signal.SIGALRM, overdue)
+    signal.alarm(240)
     work = tempfile.mkdtemp(prefix="vexd-nspawn-")
     subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", work], check=True)
     for d in ("upper", "work", "root", "firmware"):
@@ -388,6 +394,7 @@ def main():
     except Exception as e:  # reported, and the container still ends below
         results.check("the run", False, f"{type(e).__name__}: {e}")
     finally:
+        signal.alarm(0)
         if box:
             box.end()
         subprocess.run(["umount", "-R", work])
