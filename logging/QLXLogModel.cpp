@@ -56,12 +56,46 @@ void QLXLogModel::logWithFormat(std::string_view format, std::span<const logging
 
 void QLXLogModel::logMessage(const std::string& message) {
   if (std::FILE* fp = logFP()) {
-    std::string line = platform::formatDate(now()) + " " + message + "\n";
+    std::string stamp = platform::formatDate(now()) + " ";
+    std::string line = stamp + message + "\n";
     std::lock_guard<std::mutex> guard(lock_);
-    std::fwrite(line.data(), 1, line.size(), fp);
-    std::fflush(fp);
+    if (fileBytes_ + static_cast<std::int64_t>(line.size()) > fileLimit_) {
+      if (!fileFull_) {
+        fileFull_ = true;
+        line = stamp +
+               logging::format(
+                   "The log file has reached its limit of %lld bytes; "
+                   "further messages go to the console only",
+                   static_cast<long long>(fileLimit_)) +
+               "\n";
+      } else {
+        line.clear();
+      }
+    }
+    if (!line.empty()) {
+      std::fwrite(line.data(), 1, line.size(), fp);
+      std::fflush(fp);
+      fileBytes_ += static_cast<std::int64_t>(line.size());
+    }
   }
   console(message);
+}
+
+void QLXLogModel::setLogFP(std::FILE* fp) {
+  std::lock_guard<std::mutex> guard(lock_);
+  fileBytes_ = 0;
+  // Opened for appending: a restart on the same day finds what it wrote.
+  if (fp && std::fseek(fp, 0, SEEK_END) == 0) {
+    const long size = std::ftell(fp);
+    if (size > 0) fileBytes_ = size;
+  }
+  fileFull_ = false;
+  logFP_.store(fp);
+}
+
+void QLXLogModel::setFileSizeLimit(std::int64_t bytes) {
+  std::lock_guard<std::mutex> guard(lock_);
+  fileLimit_ = bytes;
 }
 
 bool QLXLogModel::enableLogToFile(const std::string& rawPath) {

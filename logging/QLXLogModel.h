@@ -37,7 +37,14 @@ class QLXLogModel {
   std::string fileNameForTodayUnder(const std::string& folder, const std::string& prefix);
 
   std::FILE* logFP() const { return logFP_.load(); }
-  void setLogFP(std::FILE* fp) { logFP_.store(fp); }
+  // Starts counting the file's bytes from what it already holds.
+  void setLogFP(std::FILE* fp);
+
+  // A flood of messages must not fill the data partition: past this many
+  // bytes the file gets one line saying so, and nothing more, until another
+  // file is set. The console still gets every message.
+  static constexpr std::int64_t kDefaultFileLimit = 64ll << 20;
+  void setFileSizeLimit(std::int64_t bytes);
 
  private:
   void console(const std::string& message);
@@ -48,4 +55,7 @@ class QLXLogModel {
   ConsoleSink consoleSink_;
   std::atomic<std::FILE*> logFP_{nullptr};
   std::mutex lock_;
+  std::int64_t fileLimit_ = kDefaultFileLimit;  // under lock_
+  std::int64_t fileBytes_ = 0;                  // under lock_
+  bool fileFull_ = false;                       // under lock_
 };

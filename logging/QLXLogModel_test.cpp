@@ -135,6 +135,33 @@ TEST_F(LogModelTest, TodaysFileIsAppendedToNeverTruncated) {
             "earlier line\n2026-03-05 12:34:56 +0000 later\n");
 }
 
+// A flood stops at the cap (counting what a restart finds in today's file)
+// with one line saying so; the console still gets everything.
+TEST_F(LogModelTest, TheFileStopsAtItsLimitWithOneLineAndTheConsoleGoesOn) {
+  ASSERT_TRUE(fs.createDirectory(logs, true));
+  const std::string file = logs + "/vexd_helper-20260305.log";
+  writeFile(file, "earlier line\n");
+  model.setFileSizeLimit(13 + 31);  // the earlier line and one stamped "aaaa"
+  ASSERT_TRUE(model.enableLogToFilesUnder(logs, "vexd_helper", 5));
+  for (const char* m : {"aaaa", "bbbb", "cccc"}) model.logMessage(m);
+  EXPECT_EQ(contentsOf(file),
+            "earlier line\n2026-03-05 12:34:56 +0000 aaaa\n"
+            "2026-03-05 12:34:56 +0000 The log file has reached its limit of 44 bytes; further "
+            "messages go to the console only\n");
+  auto console = consoleLines();
+  ASSERT_GE(console.size(), 3u);
+  EXPECT_EQ(std::vector<std::string>(console.end() - 3, console.end()),
+            (std::vector<std::string>{"aaaa", "bbbb", "cccc"}));
+
+  // Another file starts its own count.
+  std::fclose(model.logFP());
+  std::FILE* next = std::fopen((dir / "next.log").c_str(), "w");
+  model.setLogFP(next);
+  model.logMessage("dddd");
+  std::fflush(next);
+  EXPECT_EQ(contentsOf(dir / "next.log"), "2026-03-05 12:34:56 +0000 dddd\n");
+}
+
 TEST_F(LogModelTest, ExpiryByRealBirthTimesRemovesEverythingOlderThanTheCutoff) {
   ASSERT_TRUE(fs.createDirectory(logs + "/old-folder/inner", true));
   writeFile(logs + "/old-folder/inner/file", "x");

@@ -30,6 +30,28 @@ std::optional<QLXFileMetadata> QLXFileMetadata::fileMetadatatWithPath(platform::
 std::optional<QLXFileMetadata> QLXFileMetadata::initWithPath(platform::Platform& platform,
                                                              const std::string& path,
                                                              QLXFileHashSource* source) {
+  return take(platform, path, source, true);
+}
+
+namespace {
+
+// Whether the attributes describe the very contents that were hashed.
+bool describes(const Dictionary& attributes, const platform::FileIdentity& hashed) {
+  namespace attr = platform::attr;
+  const Value* device = attributes.find(attr::kSystemNumber);
+  const Value* inode = attributes.find(attr::kSystemFileNumber);
+  const Value* size = attributes.find(attr::kFileSize);
+  const Value* modified = attributes.find(attr::kModificationDate);
+  return device && device->uint64Value() == hashed.device && inode &&
+         inode->uint64Value() == hashed.inode && size && size->uint64Value() == hashed.size &&
+         modified && modified->date() && *modified->date() == hashed.modified;
+}
+
+}  // namespace
+
+std::optional<QLXFileMetadata> QLXFileMetadata::take(platform::Platform& platform,
+                                                     const std::string& path,
+                                                     QLXFileHashSource* source, bool retake) {
   std::optional<Data> hash = Data{};
   std::optional<std::string> target = std::string();
   std::optional<Dictionary> attributes = fileAttributesWithPath(platform, path);
@@ -42,8 +64,14 @@ std::optional<QLXFileMetadata> QLXFileMetadata::initWithPath(platform::Platform&
   if (type && type->isString() && *type->string() == platform::attr::kTypeSymbolicLink) {
     target = targetFileWithPath(platform, path);
   } else {
-    hash = fileHashWithPath(platform, path, source);
+    std::optional<platform::FileIdentity> hashed;
+    hash = fileHashWithPath(platform, path, source, &hashed);
     if (!hash) return std::nullopt;
+    // Contents hashed ahead, or written to meanwhile, can be older or newer
+    // than the attributes: then the record is taken again here, attributes
+    // first, so the two describe one state of the file.
+    if (retake && !hash->empty() && (!hashed || !describes(*attributes, *hashed)))
+      return take(platform, path, nullptr, false);
   }
   // The pairs end at the first missing value: a record whose extended
   // attributes could not be read holds its attributes alone, one whose
@@ -58,9 +86,9 @@ std::optional<QLXFileMetadata> QLXFileMetadata::initWithPath(platform::Platform&
   return QLXFileMetadata(platform, std::move(dict));
 }
 
-std::optional<Data> QLXFileMetadata::fileHashWithPath(platform::Platform& platform,
-                                                      const std::string& path,
-                                                      QLXFileHashSource* source) {
+std::optional<Data> QLXFileMetadata::fileHashWithPath(
+    platform::Platform& platform, const std::string& path, QLXFileHashSource* source,
+    std::optional<platform::FileIdentity>* identity) {
   bool isDirectory = false;
   if (!platform.fileSystem->exists(path, &isDirectory)) {
     QLXHLog("File does not exist at %@", path);
@@ -69,10 +97,10 @@ std::optional<Data> QLXFileMetadata::fileHashWithPath(platform::Platform& platfo
   if (isDirectory) return Data{};
   std::optional<Data> hash;
   if (source) {
-    hash = source->fileHash(path);
+    hash = source->fileHash(path, identity);
   } else {
     QLXFileHasher hasher(*platform.fileSystem, *platform.digests);
-    hash = hasher.fileHash(path);
+    hash = hasher.fileHash(path, identity);
   }
   if (!hash) {
     // Present but unreadable: an empty hash, and the manifest goes on.

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/FileSystem.h"
 #include "platform/Platform.h"
 #include "platform/Value.h"
 
@@ -40,9 +41,10 @@ class QLXFileMetadata {
   static QLXFileMetadata fileMetaDataWithMetadataDictionary(platform::Platform& platform,
                                                             platform::Dictionary dict);
 
-  static std::optional<platform::Data> fileHashWithPath(platform::Platform& platform,
-                                                        const std::string& path,
-                                                        QLXFileHashSource* source = nullptr);
+  // identity: as QLXFileHashSource::fileHash.
+  static std::optional<platform::Data> fileHashWithPath(
+      platform::Platform& platform, const std::string& path, QLXFileHashSource* source = nullptr,
+      std::optional<platform::FileIdentity>* identity = nullptr);
   static std::optional<platform::Dictionary> fileAttributesWithPath(platform::Platform& platform,
                                                                     const std::string& path);
   static std::optional<std::vector<std::string>> extendedAttributeKeysWithPath(
@@ -82,6 +84,11 @@ class QLXFileMetadata {
   platform::Dictionary takeDict() && { return std::move(dict_); }
 
  private:
+  // retake: whether a hash that no longer matches the attributes read may
+  // have the record taken again (once).
+  static std::optional<QLXFileMetadata> take(platform::Platform& platform, const std::string& path,
+                                             QLXFileHashSource* source, bool retake);
+
   platform::Platform* platform_;
   platform::Dictionary dict_;
 };

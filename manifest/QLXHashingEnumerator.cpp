@@ -89,9 +89,10 @@ std::optional<QLXHashingEnumerator::Item> QLXHashingEnumerator::next() {
   return std::move(slot.item);
 }
 
-std::optional<platform::Data> QLXHashingEnumerator::fileHash(const std::string& path) {
+std::optional<platform::Data> QLXHashingEnumerator::fileHash(
+    const std::string& path, std::optional<platform::FileIdentity>* identity) {
   std::shared_ptr<Job> job = std::move(current_);
-  if (!job || job->path != path) return hasher_.fileHash(path);
+  if (!job || job->path != path) return hasher_.fileHash(path, identity);
   std::unique_lock<std::mutex> guard(lock_);
   if (job->state == Job::State::Queued) {
     // No worker got to it yet: hash it here rather than wait. It is near the
@@ -101,10 +102,10 @@ std::optional<platform::Data> QLXHashingEnumerator::fileHash(const std::string& 
     if (it != queue_.end()) queue_.erase(it);
     job->state = Job::State::Running;
     guard.unlock();
-    return QLXFileHasher::report(hasher_.compute(path), path);
+    return QLXFileHasher::report(hasher_.compute(path), path, identity);
   }
   jobDone_.wait(guard, [&] { return job->state == Job::State::Done; });
-  return QLXFileHasher::report(std::move(job->outcome), path);
+  return QLXFileHasher::report(std::move(job->outcome), path, identity);
 }
 
 void QLXHashingEnumerator::work() {

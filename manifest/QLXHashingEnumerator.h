@@ -53,7 +53,8 @@ class QLXHashingEnumerator : public QLXFileHashSource {
   std::optional<Item> next();
   // The hash of the entry last handed out, done ahead when it could be;
   // any other path is hashed on the spot.
-  std::optional<platform::Data> fileHash(const std::string& path) override;
+  std::optional<platform::Data> fileHash(
+      const std::string& path, std::optional<platform::FileIdentity>* identity = nullptr) override;
 
  private:
   struct Job {

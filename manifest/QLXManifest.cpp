@@ -8,6 +8,7 @@
 #include "manifest/QLXHashingEnumerator.h"
 #include "manifest/QLXProgressUpdater.h"
 #include "platform/FileSystem.h"
+#include "platform/Path.h"
 
 using platform::Dictionary;
 using platform::ResourceKey;
@@ -236,7 +237,9 @@ std::vector<std::string> QLXManifest::immediateHiddenFilesUnderPath(const std::s
   auto names = platform_.fileSystem->contentsOfDirectory(folder);
   if (!names) return hidden;
   for (const std::string& name : *names) {
-    if (name.find('.') == 0) hidden.push_back(appendingPathComponent(folder, name));
+    // Formed as the walk forms its entries' paths, so they match as skips
+    // whatever slashes the folder's text holds.
+    if (name.find('.') == 0) hidden.push_back(platform::entryPath(folder, name));
   }
   return hidden;
 }

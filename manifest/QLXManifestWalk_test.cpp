@@ -5,11 +5,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
 #include <random>
 #include <set>
 
 #include "manifest/QLXManifest.h"
 #include "manifest/QLXProgressUpdater.h"
+#include "platform/testing/ForwardingFileSystem.h"
 #include "platform/testing/LinuxTestBed.h"
 #include "platform/testing/LogCapture.h"
 
@@ -18,6 +23,7 @@ namespace {
 using platform::Dictionary;
 using platform::ResourceKey;
 using platform::testing::FaultInjectingFileSystem;
+using platform::testing::ForwardingFileSystem;
 using platform::testing::FsCall;
 using platform::testing::LogCapture;
 
@@ -114,6 +120,106 @@ TEST_F(QLXManifestWalkTest, HashingAheadChangesNeitherRecordsNorMessagesNorStops
   EXPECT_EQ(stopAhead.log.back(), "Couldn't get meta data for " + files[150]);
   for (const auto& line : stopAhead.log)
     EXPECT_EQ(line.find(files[200]), std::string::npos) << line;
+}
+
+// Appends to one file once, either while its first reader is at its end or
+// after that reader is done and just before the walk reads its attributes.
+class AppendingFileSystem : public ForwardingFileSystem {
+ public:
+  enum class When { WhileRead, BeforeAttributes };
+  AppendingFileSystem(platform::FileSystem& inner, std::string target, When when)
+      : ForwardingFileSystem(inner), target_(std::move(target)), when_(when) {}
+
+  platform::Result<std::unique_ptr<platform::ReadableFile>> openForReading(
+      const std::string& path) override {
+    auto file = inner_.openForReading(path);
+    if (!file || path != target_) return file;
+    return std::unique_ptr<platform::ReadableFile>(
+        std::make_unique<Reader>(*this, std::move(*file)));
+  }
+  platform::Result<platform::Dictionary> attributesOfItem(const std::string& path) override {
+    if (path == target_ && when_ == When::BeforeAttributes) {
+      // The workers hash ahead; wait for them so the write lands between
+      // the hash and the attributes.
+      std::unique_lock<std::mutex> guard(lock_);
+      readDone_.wait_for(guard, std::chrono::seconds(5), [&] { return reads_ > 0; });
+      if (reads_ > 0) appendOnce();
+    }
+    return inner_.attributesOfItem(path);
+  }
+
+ private:
+  class Reader : public platform::ReadableFile {
+   public:
+    Reader(AppendingFileSystem& fs, std::unique_ptr<platform::ReadableFile> inner)
+        : fs_(fs), inner_(std::move(inner)) {}
+    ~Reader() override {
+      std::lock_guard<std::mutex> guard(fs_.lock_);
+      ++fs_.reads_;
+      fs_.readDone_.notify_all();
+    }
+    platform::Result<std::size_t> read(std::span<std::uint8_t> buffer) override {
+      auto n = inner_->read(buffer);
+      if (n && *n == 0 && fs_.when_ == When::WhileRead) {
+        std::lock_guard<std::mutex> guard(fs_.lock_);
+        fs_.appendOnce();
+      }
+      return n;
+    }
+    platform::Result<platform::FileIdentity> identity() override { return inner_->identity(); }
+
+   private:
+    AppendingFileSystem& fs_;
+    std::unique_ptr<platform::ReadableFile> inner_;
+  };
+
+  void appendOnce() {
+    if (appended_) return;
+    appended_ = true;
+    std::ofstream(target_, std::ios::app) << std::string(3000, '+');
+  }
+
+  std::string target_;
+  When when_;
+  std::mutex lock_;
+  std::condition_variable readDone_;
+  int reads_ = 0;
+  bool appended_ = false;
+};
+
+TEST_F(QLXManifestWalkTest, AFileWrittenDuringTheWalkGetsAHashOfTheSizeRecorded) {
+  for (int f = 0; f < 30; ++f) dir.write("t/f" + std::to_string(f), std::string(700, 'a'));
+  std::string log = dir.write("t/log", std::string(411, 'l'));
+  for (auto when :
+       {AppendingFileSystem::When::WhileRead, AppendingFileSystem::When::BeforeAttributes}) {
+    for (unsigned threads : {0u, 2u}) {
+      // Written between the hash and the attributes only happens when hashing ahead.
+      if (when == AppendingFileSystem::When::BeforeAttributes && threads == 0) continue;
+      dir.write("t/log", std::string(411, 'l'));
+      AppendingFileSystem appending(fs, log, when);
+      platform::Platform bundle{.fileSystem = &appending, .digests = &digests};
+      QLXManifest manifest(bundle);
+      manifest.setHashThreads(threads);
+      LogCapture messages;
+      ASSERT_TRUE(manifest.addFilesFromPath(dir / "t", dir / "t", {}, false));
+      EXPECT_TRUE(messages.messages().empty());
+      auto record = manifest.metadataForFile("/log");
+      ASSERT_TRUE(record);
+      // The record is taken again once the write is seen, so it describes
+      // the file as it ends up, hash and size alike.
+      std::ifstream in(log, std::ios::binary);
+      std::string contents((std::istreambuf_iterator<char>(in)), {});
+      ASSERT_EQ(contents.size(), 3411u);
+      EXPECT_EQ(record->getFileSize(), 3411) << static_cast<int>(when) << " " << threads;
+      ASSERT_TRUE(record->getHash());
+      EXPECT_TRUE(*record->getHash() ==
+                  platform::sha1(
+                      digests,
+                      std::span<const std::uint8_t>(
+                          reinterpret_cast<const std::uint8_t*>(contents.data()), contents.size())))
+          << static_cast<int>(when) << " " << threads;
+    }
+  }
 }
 
 TEST_F(QLXManifestWalkTest, ProgressRisesOncePerValueAndEndsAboveAHundredWithFolders) {

@@ -82,6 +82,17 @@ TEST_F(DeviceManifestTest, OtherPathsAreTheirOwnBaseSkipTheirHiddenEntriesAndRep
 
   EXPECT_TRUE(ops.createDeviceManifest(platform::Value(media), true));
   EXPECT_TRUE(writtenManifest().contains("/"));
+
+  // A doubled slash in the caller's text changes neither what is skipped
+  // nor the text logged.
+  dir_.write("media/.hid", "h");
+  for (std::string text : {dir_.path() + "//media", dir_.path() + "/.//media"}) {
+    EXPECT_TRUE(ops.createDeviceManifest(platform::Value(text), false)) << text;
+    EXPECT_EQ(writtenManifest().keys(), (std::vector<std::string>{"/a", "/a/.deep", "/a/b"}))
+        << text;
+    EXPECT_TRUE(log_.contains("Device manifest created (for " + text + ")"));
+  }
+  EXPECT_TRUE(progress_.empty());
 }
 
 TEST_F(DeviceManifestTest, AFailedWalkKeepsThePreviousManifest) {
@@ -101,13 +112,16 @@ TEST_F(DeviceManifestTest, HardLinksNeverReplaceAnExistingPath) {
   std::string source = dir_.write("content/app.bin", "bits");
   dir_.mkdir("staging");
   QLXHOperations ops(bundle_, paths_);
-  EXPECT_TRUE(ops.createHardLinks(platform::Value(source), platform::Value(dir_ / "staging/app.bin")));
-  struct stat a {}, b {};
+  EXPECT_TRUE(
+      ops.createHardLinks(platform::Value(source), platform::Value(dir_ / "staging/app.bin")));
+  struct stat a {
+  }, b{};
   ASSERT_EQ(::stat(source.c_str(), &a), 0);
   ASSERT_EQ(::stat((dir_ / "staging/app.bin").c_str(), &b), 0);
   EXPECT_EQ(a.st_ino, b.st_ino);
 
-  EXPECT_FALSE(ops.createHardLinks(platform::Value(source), platform::Value(dir_ / "staging/app.bin")));
+  EXPECT_FALSE(
+      ops.createHardLinks(platform::Value(source), platform::Value(dir_ / "staging/app.bin")));
   EXPECT_EQ(log_.matching("Could not link " + source + " to " + (dir_ / "staging/app.bin") +
                           " with error -File exists")
                 .size(),

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <thread>
@@ -15,10 +16,13 @@ namespace ovix {
 ConnectionCore::ConnectionCore(platform::UniqueFd socket)
     : socket_(std::move(socket)), wake_(socket::makeWakeFd()), queue_(SerialQueue::create()) {
   token_ = socket::peerToken(socket_.get(), pidfd_);
+  pidfdsPassed_ = credentials::passesPidfds(socket_.get());
 }
 
-std::shared_ptr<ConnectionCore> ConnectionCore::start(platform::UniqueFd socket) {
+std::shared_ptr<ConnectionCore> ConnectionCore::start(platform::UniqueFd socket,
+                                                      std::unique_ptr<ClientQuota::Ticket> ticket) {
   auto core = std::make_shared<ConnectionCore>(std::move(socket));
+  core->ticket_ = std::move(ticket);
   // Without a wake-up descriptor cancel() could not reach the I/O thread:
   // such a connection ends at once rather than becoming unstoppable.
   if (!core->wake_.valid()) core->cancelled_ = true;
@@ -87,6 +91,7 @@ std::optional<Object> ConnectionCore::receive(std::chrono::milliseconds timeout)
     Pending p = std::move(inbox_.front());
     inbox_.pop_front();
     releasePendingLocked(p.bytes);
+    serve(p.sender);
     return std::move(p.event);
   }
   if (lastDelivered_) return errorConnectionInvalid();
@@ -122,7 +127,11 @@ void ConnectionCore::ioLoop(std::shared_ptr<ConnectionCore> self) {
         timeoutMs = static_cast<int>(
             std::chrono::ceil<std::chrono::milliseconds>(drainDeadline - now).count());
       }
-      short events = draining || self->readPausedLocked() ? 0 : POLLIN;
+      short events = draining || self->readPausedLocked() || self->quotaPaused_ ? 0 : POLLIN;
+      // Over its account's quota the client waits (the kernel holds what it
+      // writes meanwhile); look again shortly, as others' bytes are handled.
+      if (self->quotaPaused_ && !draining) timeoutMs = kQuotaRetryMs;
+      self->quotaPaused_ = false;
       if (!self->outgoing_.empty()) events |= POLLOUT;
       // A socket polled for nothing still reports hang-ups; leave it out
       // entirely while reading is paused so a closed peer cannot spin us.
@@ -141,7 +150,7 @@ void ConnectionCore::ioLoop(std::shared_ptr<ConnectionCore> self) {
       self->flushLocked();
     }
     if ((fds[0].events & POLLIN) && (fds[0].revents & (POLLIN | POLLHUP | POLLERR))) {
-      if (!self->readAvailable()) break;
+      if (!self->readAvailable((fds[0].revents & POLLHUP) != 0)) break;
     } else if (fds[0].revents & (POLLHUP | POLLERR)) {
       std::lock_guard lock(self->mutex_);
       self->flushLocked();
@@ -156,36 +165,68 @@ bool ConnectionCore::readPausedLocked() const {
 
 // Reads what the socket has and posts every complete frame. False when the
 // stream ended (orderly or not) or broke the protocol.
-bool ConnectionCore::readAvailable() {
+bool ConnectionCore::readAvailable(bool hungUp) {
   std::uint8_t buffer[64 * 1024];
-  const ssize_t n = ::recv(socket_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
-  if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-  if (n == 0) return false;
-  reader_.append(buffer, static_cast<std::size_t>(n));
+  std::size_t room = sizeof buffer;
+  if (ticket_) {
+    room = ticket_->take(room);
+    if (room == 0) {
+      // A client that has gone cannot be waited for: its unfinished frame
+      // may hold the very room it waits for.
+      if (hungUp) return false;
+      quotaPaused_ = true;
+      return true;
+    }
+  }
+  Received r = credentials::receive(socket_.get(), buffer, room, pidfdsPassed_);
+  if (ticket_) ticket_->give(room - static_cast<std::size_t>(std::max<ssize_t>(r.bytes, 0)));
+  if (r.bytes < 0) return r.error == EAGAIN || r.error == EWOULDBLOCK || r.error == EINTR;
+  if (r.bytes == 0) return false;
+  // One frame, one sender: bytes of another process finishing a frame that
+  // this one began would borrow its credentials.
+  if (reader_.holdsPartialFrame() && (partialSender_.has_value() != r.sender.has_value() ||
+                                      (r.sender && !partialSender_->sameAs(*r.sender)))) {
+    return false;
+  }
+  reader_.append(buffer, static_cast<std::size_t>(r.bytes));
   for (;;) {
     Object message;
     std::string error;
     switch (reader_.next(message, error)) {
       case FrameReader::Status::NeedMore:
+        partialSender_ = reader_.holdsPartialFrame() ? r.sender : std::nullopt;
         return true;
       case FrameReader::Status::Error:
         return false;
       case FrameReader::Status::Frame:
-        postMessage(std::move(message), reader_.lastFrameSize());
+        postMessage(std::move(message), reader_.lastFrameSize(), r.sender);
         break;
     }
   }
 }
 
-void ConnectionCore::postMessage(Object message, std::size_t bytes) {
+void ConnectionCore::postMessage(Object message, std::size_t bytes, std::optional<Sender> sender) {
   {
     std::lock_guard lock(mutex_);
     ++pendingFrames_;
     pendingBytes_ += bytes;
   }
   auto self = shared_from_this();
-  queue_->post(
-      [self, message = std::move(message), bytes] { self->deliver(message, bytes, false); });
+  queue_->post([self, message = std::move(message), bytes, sender = std::move(sender)]() mutable {
+    {
+      const Object served = std::move(message);
+      self->deliver(served, bytes, false, sender);
+    }
+    ClientQuota::returnMemoryAfter(bytes);
+  });
+}
+
+// The message about to be served names its own sender; frames read from a
+// socket that passes no credentials (a client's) keep the peer's.
+void ConnectionCore::serve(const std::optional<Sender>& sender) {
+  if (!sender) return;
+  token_ = sender->token();
+  servedPidfd_ = sender->pidfd;
 }
 
 void ConnectionCore::flushLocked() {
@@ -215,6 +256,12 @@ void ConnectionCore::flushLocked() {
 }
 
 void ConnectionCore::finish() {
+  if (ticket_) {
+    // Frames already posted stay counted until handled; the rest is gone.
+    ticket_->give(reader_.unframedBytes());
+    ticket_->closeSlot();
+  }
+  reader_.clear();
   {
     std::lock_guard lock(mutex_);
     closed_ = true;
@@ -228,18 +275,20 @@ void ConnectionCore::finish() {
   queue_->close();
 }
 
-void ConnectionCore::deliver(const Object& event, std::size_t bytes, bool last) {
+void ConnectionCore::deliver(const Object& event, std::size_t bytes, bool last,
+                             const std::optional<Sender>& sender) {
   EventHandler handler;
   {
     std::lock_guard lock(mutex_);
     handler = handler_;
     if (!handler) {
-      inbox_.push_back(Pending{event, bytes});
+      inbox_.push_back(Pending{event, bytes, sender});
       if (last) lastDelivered_ = true;
       inboxChanged_.notify_all();
       return;
     }
   }
+  serve(sender);
   handler(event);
   EventHandler released;
   {
@@ -263,6 +312,7 @@ void ConnectionCore::releasePendingLocked(std::size_t bytes) {
   const bool wasPaused = readPausedLocked();
   --pendingFrames_;
   pendingBytes_ -= bytes;
+  if (ticket_) ticket_->give(bytes);
   if (wasPaused && !readPausedLocked()) socket::signalWake(wake_.get());
 }
 

@@ -12,8 +12,10 @@
 #include <mutex>
 #include <optional>
 
+#include "ovix/ClientQuota.h"
 #include "ovix/FrameReader.h"
 #include "ovix/Object.h"
+#include "ovix/SenderCredentials.h"
 #include "ovix/SerialQueue.h"
 #include "platform/AuditToken.h"
 #include "platform/linux/UniqueFd.h"
@@ -32,9 +34,12 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   // After cancel(), how long queued frames may wait for a peer that takes
   // none of them before they are dropped.
   static constexpr std::chrono::seconds kDrainStall{1};
+  static constexpr int kQuotaRetryMs = 50;
 
   // Takes the connected socket, records the peer and starts the I/O thread.
-  static std::shared_ptr<ConnectionCore> start(platform::UniqueFd socket);
+  // A service's connection comes with its client's share of the quota.
+  static std::shared_ptr<ConnectionCore> start(
+      platform::UniqueFd socket, std::unique_ptr<ClientQuota::Ticket> ticket = nullptr);
 
   void setHandler(EventHandler handler);
   void resume();
@@ -46,6 +51,8 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   std::optional<Object> receive(std::chrono::milliseconds timeout);
   // False once the connection has delivered its last event.
   bool postTerminationImminent();
+  // The sender of the message being served (from its queue: the handler or
+  // receive()); before the first one, the peer as it connected.
   const platform::AuditToken& token() const { return token_; }
 
   explicit ConnectionCore(platform::UniqueFd socket);
@@ -54,14 +61,17 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   struct Pending {
     Object event;
     std::size_t bytes;
+    std::optional<Sender> sender;
   };
 
   static void ioLoop(std::shared_ptr<ConnectionCore> self);
-  bool readAvailable();
-  void postMessage(Object message, std::size_t bytes);
+  bool readAvailable(bool hungUp);
+  void postMessage(Object message, std::size_t bytes, std::optional<Sender> sender);
+  void serve(const std::optional<Sender>& sender);
   void flushLocked();
   void finish();
-  void deliver(const Object& event, std::size_t bytes, bool last);
+  void deliver(const Object& event, std::size_t bytes, bool last,
+               const std::optional<Sender>& sender = std::nullopt);
   void releasePendingLocked(std::size_t bytes);
   bool readPausedLocked() const;
 
@@ -69,8 +79,14 @@ class ConnectionCore : public std::enable_shared_from_this<ConnectionCore> {
   platform::UniqueFd pidfd_;
   platform::UniqueFd wake_;
   platform::AuditToken token_;
+  std::shared_ptr<platform::UniqueFd> servedPidfd_;  // keeps token_.pidfd open
+  bool pidfdsPassed_ = false;
   std::shared_ptr<SerialQueue> queue_;
   FrameReader reader_;  // I/O thread only
+  // Who sent the first bytes of the frame being reassembled (I/O thread).
+  std::optional<Sender> partialSender_;
+  std::unique_ptr<ClientQuota::Ticket> ticket_;  // null: not bounded
+  bool quotaPaused_ = false;                     // I/O thread only
 
   std::mutex mutex_;
   std::condition_variable inboxChanged_;

@@ -10,7 +10,10 @@
 
 #include "ovix/ConnectionCore.h"
 #include "ovix/Listener.h"
+#include "ovix/ServiceName.h"
+#include "ovix/Socket.h"
 #include "ovix/TestSupport.h"
+#include "ovix/WireFormat.h"
 
 namespace ovix {
 namespace {
@@ -308,6 +311,64 @@ TEST_F(OvixConnection, TheAuditTokenNamesAPeerRunningAsAnotherUser) {
   }
   EXPECT_EQ(pidLine, "Pid:\t" + std::to_string(child.pid()));
   EXPECT_EQ(child.wait(), 0);
+}
+
+// A socket handed on (by fork, exec or SCM_RIGHTS) carries the frames of
+// whoever writes on it: each is served as its own writer, and a frame two
+// processes wrote between them ends the connection.
+TEST_F(OvixConnection, EachFrameIsServedAsTheProcessThatWroteIt) {
+  OVIX_SKIP_IF_FORK_UNSAFE();
+  struct Seen {
+    std::mutex mutex;
+    std::vector<pid_t> pids;
+  };
+  auto seen = std::make_shared<Seen>();
+  auto events = EventRecorder::make();
+  listen("svc.writers", [seen, events](const std::shared_ptr<Connection>& c) {
+    c->setEventHandler([c, seen, events](const Object& e) {
+      events->record(e);
+      if (!e.isDictionary()) return;
+      std::lock_guard lock(seen->mutex);
+      seen->pids.push_back(c->auditToken().pid);
+    });
+    c->resume();
+  });
+  auto fd = socket::connectTo(socketPathForService("svc.writers"));
+  ASSERT_TRUE(fd);
+  Bytes frame;
+  ASSERT_TRUE(wire::encodeFrame(request("n", 1), frame));
+  auto write = [&](const std::uint8_t* at, std::size_t n) {
+    return ::send(fd->get(), at, n, MSG_NOSIGNAL) == static_cast<ssize_t>(n);
+  };
+  ASSERT_TRUE(write(frame.data(), frame.size()));
+  ChildProcess child([&] { return write(frame.data(), frame.size()) ? 0 : 1; });
+  const pid_t childPid = child.pid();
+  ASSERT_EQ(child.wait(), 0);
+  ASSERT_TRUE(write(frame.data(), frame.size()));
+  for (int i = 0; i < 200; ++i) {
+    std::lock_guard lock(seen->mutex);
+    if (seen->pids.size() >= 3) break;
+    std::this_thread::sleep_for(10ms);
+  }
+  {
+    std::lock_guard lock(seen->mutex);
+    ASSERT_EQ(seen->pids.size(), 3u);
+    EXPECT_EQ(seen->pids[0], ::getpid());
+    EXPECT_EQ(seen->pids[1], childPid);
+    EXPECT_EQ(seen->pids[2], ::getpid());
+  }
+
+  // Half a frame from us, the rest from a child: nothing is served.
+  const std::size_t half = frame.size() / 2;
+  ASSERT_TRUE(write(frame.data(), half));
+  std::this_thread::sleep_for(50ms);
+  ChildProcess finisher([&] { return write(frame.data() + half, frame.size() - half) ? 0 : 1; });
+  ASSERT_EQ(finisher.wait(), 0);
+  auto server = acceptedAt(0);
+  ASSERT_NE(server, nullptr);
+  EXPECT_TRUE(events->waitFor(errorConnectionInvalid(), 5s));
+  std::lock_guard lock(seen->mutex);
+  EXPECT_EQ(seen->pids.size(), 3u);
 }
 
 }  // namespace

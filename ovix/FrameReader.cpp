@@ -34,7 +34,14 @@ FrameReader::Status FrameReader::next(Object& message, std::string& error) {
   lastFrameSize_ = wire::kHeaderSize + header.payloadLength;
   start_ += lastFrameSize_;
   message = std::move(*decoded.message);
+  // The buffer grew with a large frame; an idle connection keeps none of it.
+  if (start_ == buffer_.size() && buffer_.capacity() > kKeptCapacity) clear();
   return Status::Frame;
+}
+
+void FrameReader::clear() {
+  Bytes().swap(buffer_);
+  start_ = 0;
 }
 
 }  // namespace ovix

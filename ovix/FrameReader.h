@@ -23,11 +23,15 @@ class FrameReader {
 
   // Bytes of an unfinished frame are held: the stream ended mid-frame.
   bool holdsPartialFrame() const { return buffer_.size() > start_; }
+  std::size_t unframedBytes() const { return buffer_.size() - start_; }
+  // Frees the buffer, whatever it holds.
+  void clear();
 
   // Header and payload size of the frame next() last returned.
   std::size_t lastFrameSize() const { return lastFrameSize_; }
 
  private:
+  static constexpr std::size_t kKeptCapacity = 256 * 1024;
   Bytes buffer_;
   std::size_t start_ = 0;
   std::size_t lastFrameSize_ = 0;

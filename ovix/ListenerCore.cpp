@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "ovix/ActivatedSockets.h"
+#include "ovix/ClientQuota.h"
 #include "ovix/Connection.h"
 #include "ovix/ConnectionCore.h"
 #include "ovix/Runtime.h"
@@ -94,7 +95,10 @@ void ListenerCore::acceptLoop(std::shared_ptr<ListenerCore> self) {
     if (!(fds[0].revents & POLLIN)) continue;
     auto accepted = socket::acceptFrom(self->socket_.get());
     if (accepted) {
-      auto core = ConnectionCore::start(std::move(accepted.value()));
+      // Over its quota a client is closed unserved (the quota reports it).
+      auto ticket = ClientQuota::shared()->admit(socket::peerUid(accepted.value().get()));
+      if (!ticket) continue;
+      auto core = ConnectionCore::start(std::move(accepted.value()), std::move(ticket));
       Runtime::instance().add(core);
       self->post(Object::makeConnection(std::make_shared<Connection>(core)), false);
       continue;

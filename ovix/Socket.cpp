@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ovix/SenderCredentials.h"
+
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
 #endif
@@ -80,6 +82,10 @@ platform::Result<UniqueFd> listenAt(const std::string& path) {
     return posixError(errno, "cannot bind", path);
   }
   if (::chmod(path.c_str(), 0666) != 0) return posixError(errno, "cannot set mode of", path);
+  // Every frame is served as the process that wrote it, so every read must
+  // say who that was; accepted sockets inherit this.
+  if (!credentials::enable(fd.get()))
+    return posixError(errno, "cannot ask for credentials on", path);
   if (::listen(fd.get(), SOMAXCONN) != 0) return posixError(errno, "cannot listen at", path);
   return fd;
 }
@@ -100,7 +106,12 @@ platform::Result<UniqueFd> connectTo(const std::string& path) {
 platform::Result<UniqueFd> acceptFrom(int listeningFd) {
   int fd = ::accept4(listeningFd, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd < 0) return platform::Error::posix(errno, std::string("accept: ") + std::strerror(errno));
-  return UniqueFd(fd);
+  UniqueFd accepted(fd);
+  // Also for a listening socket we did not make (inherited from a launcher);
+  // a client we cannot ask about is dropped like one that vanished (EPROTO).
+  if (!credentials::enable(accepted.get()))
+    return platform::Error::posix(EPROTO, std::string("credentials: ") + std::strerror(errno));
+  return accepted;
 }
 
 platform::AuditToken peerToken(int fd, UniqueFd& pidfd) {
@@ -125,6 +136,13 @@ platform::AuditToken peerToken(int fd, UniqueFd& pidfd) {
   pidfd.reset(pfd >= 0 ? pfd : -1);
   token.pidfd = pidfd.get();
   return token;
+}
+
+std::uint32_t peerUid(int fd) {
+  ucred cred{};
+  socklen_t len = sizeof cred;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return 65534;
+  return cred.uid;
 }
 
 UniqueFd makeWakeFd() { return UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)); }

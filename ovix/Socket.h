@@ -2,6 +2,7 @@
 // owned descriptor or the errno that stopped it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "platform/AuditToken.h"
@@ -31,6 +32,10 @@ platform::Result<UniqueFd> acceptFrom(int listeningFd);
 // The peer of a connected socket as the kernel saw it at connect time, and a
 // pidfd for it (SO_PEERPIDFD, or pidfd_open on older kernels; -1 if neither).
 platform::AuditToken peerToken(int fd, UniqueFd& pidfd);
+
+// The uid the peer connected as; an unknown peer reads as nobody (65534),
+// never as root.
+std::uint32_t peerUid(int fd);
 
 // An eventfd that wakes a poll() from another thread.
 UniqueFd makeWakeFd();

@@ -75,11 +75,25 @@ class DirectoryEnumerator {
 using EnumerationErrorHandler = std::function<bool(const std::string& path, const Error& error)>;
 
 // A file opened for one sequential read of its contents.
+// Which object an open file is and the state of its contents, so that what
+// was read from it can be matched with attributes read by path.
+struct FileIdentity {
+  std::uint64_t device = 0;  // as attr::kSystemNumber
+  std::uint64_t inode = 0;
+  std::uint64_t size = 0;
+  Date modified;  // exactly as attributesOfItem gives it
+  std::int64_t changedSeconds = 0;
+  std::uint32_t changedNanoseconds = 0;
+  friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+};
+
 class ReadableFile {
  public:
   virtual ~ReadableFile() = default;
   // Fills up to buffer.size() bytes; 0 means end of file.
   virtual Result<std::size_t> read(std::span<std::uint8_t> buffer) = 0;
+  // The open object's identity now (fstat of the descriptor).
+  virtual Result<FileIdentity> identity() = 0;
 };
 
 // One object of the file system, reached once and held: every change lands

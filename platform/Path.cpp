@@ -13,6 +13,13 @@ std::string appendPathComponent(std::string_view base, std::string_view componen
   return out;
 }
 
+std::string entryPath(std::string_view folder, std::string_view name) {
+  std::string out(folder);
+  if (!out.empty() && out.back() != '/') out += '/';
+  out += name;
+  return out;
+}
+
 std::string deletingLastPathComponent(std::string_view path) {
   while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
   std::size_t slash = path.find_last_of('/');

@@ -4,7 +4,9 @@
 #include "vexd_helper/QLXHMessageResponder.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +21,10 @@
 #include "logging/QLXLogModel.h"
 #include "ovix/Connection.h"
 #include "ovix/Object.h"
+#include "ovix/ServiceName.h"
+#include "ovix/Socket.h"
+#include "ovix/TestSupport.h"
+#include "ovix/WireFormat.h"
 #include "platform/Gatecards.h"
 #include "platform/Platform.h"
 #include "platform/testing/CapturedStderr.h"
@@ -250,6 +256,72 @@ TEST_F(FrameTest, ADisconnectClearsTheCurrentConnection) {
   // With no one to answer, sending is a quiet no-op.
   QLXHMessageResponder::sharedInstance().sendPassResponse();
   QLXHMessageResponder::sharedInstance().sendData({1, 2});
+}
+
+// Another client's connect, request or disconnect while a request runs must
+// neither take its replies nor clear where they go.
+TEST_F(FrameTest, OtherClientsCannotTakeOrEraseARunningRequestsReplies) {
+  QLXHRequestTable::registerOperation("testSlow:",
+                                      [](QLXHMessageResponder& responder, const platform::Value&) {
+                                        responder.sendProgress(10);
+                                        std::this_thread::sleep_for(300ms);
+                                        responder.sendProgress(90);
+                                        return true;
+                                      });
+  auto slow = connect();
+  ASSERT_TRUE(slow->send(request({{"testSlow:", ovix::Object::makeBool(true)}})));
+  std::this_thread::sleep_for(50ms);
+  auto other = connect();
+  ASSERT_TRUE(other->send(request({{"testPass:", ovix::Object::makeBool(true)}})));
+  auto leaving = connect();
+  leaving->cancel();
+  ovix::Object early = ovix::Object::makeDictionary();
+  early.setInt64("Progress", 10);
+  ovix::Object late = ovix::Object::makeDictionary();
+  late.setInt64("Progress", 90);
+  EXPECT_EQ(replies(*slow),
+            (std::vector<std::string>{early.description(), late.description(), pass()}));
+  EXPECT_EQ(replies(*other), std::vector<std::string>{pass()});
+}
+
+// A child given the entitled client's socket (here by fork) writes as
+// itself: its request gets silence; the parent's own are still served.
+TEST_F(FrameTest, ASocketHandedToAnotherProcessServesOnlyItsEntitledWriter) {
+  OVIX_SKIP_IF_FORK_UNSAFE();
+  auto fd = ovix::socket::connectTo(ovix::socketPathForService(kQLXHServiceName));
+  ASSERT_TRUE(fd);
+  ovix::Bytes frame;
+  ASSERT_TRUE(
+      ovix::wire::encodeFrame(request({{"testPass:", ovix::Object::makeBool(true)}}), frame));
+  auto write = [&] {
+    return ::send(fd->get(), frame.data(), frame.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(frame.size());
+  };
+  // The reply's bytes, if any arrive within the quiet time.
+  auto reply = [&](int quietMs) {
+    std::string got;
+    pollfd p{fd->get(), POLLIN, 0};
+    std::uint8_t buffer[256];
+    while (::poll(&p, 1, quietMs) == 1) {
+      const ssize_t n = ::recv(fd->get(), buffer, sizeof buffer, 0);
+      if (n <= 0) break;
+      got.append(reinterpret_cast<char*>(buffer), static_cast<std::size_t>(n));
+    }
+    return got;
+  };
+  ovix::testing::ChildProcess child([&] { return write() ? 0 : 1; });
+  ASSERT_EQ(child.wait(), 0);
+  EXPECT_EQ(reply(400), "");
+  EXPECT_TRUE(logged("The client does not have proper entitlement"));
+  ASSERT_TRUE(write());
+  ovix::Bytes expected;
+  ovix::Object passed = ovix::Object::makeDictionary();
+  passed.setBool("Response", true);
+  ASSERT_TRUE(ovix::wire::encodeFrame(passed, expected));
+  EXPECT_EQ(reply(400), std::string(expected.begin(), expected.end()));
+  fd->reset();
+  // TearDown waits for one disconnect per client it knows.
+  for (int i = 0; i < 100 && disconnects() == 0; ++i) std::this_thread::sleep_for(10ms);
 }
 
 TEST_F(FrameTest, SecondListenerStartChangesNothing) {

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "logging/QLXHLog.h"
+#include "ovix/ClientQuota.h"
 #include "ovix/Connection.h"
 #include "ovix/Listener.h"
 #include "ovix/Object.h"
@@ -17,6 +18,10 @@ namespace {
 
 std::mutex gListenerLock;
 std::shared_ptr<ovix::Listener> gListener;  // kept for the life of the process
+
+// One request at a time, process-wide: the responder's current connection is
+// shared, so it may change only while no other client's request runs.
+std::mutex gRequestLock;
 
 [[noreturn]] void endProcess(int status) {
   if (platform::Process* process = platform::shared().process) process->exit(status);
@@ -70,6 +75,8 @@ int QLXH_start_listener() {
     endProcess(1);
   }
   gListener = *created;
+  ovix::ClientQuota::shared()->setReporter(
+      [](const std::string& message) { QLXHLog("%s", message.c_str()); });
   gListener->setEventHandler(handleListenerEvent);
   gListener->resume();
   return 0;
@@ -84,6 +91,7 @@ void QLXH_handle_connection(const std::shared_ptr<ovix::Connection>& connection)
     if (event.isError()) {
       if (event == ovix::errorConnectionInvalid()) {
         QLXHLog("Ovix disconnected by client");
+        std::lock_guard<std::mutex> serving(gRequestLock);
         responder.setConnection(nullptr);
       } else if (event == ovix::errorTerminationImminent()) {
         QLXHLog("Ovix connection will be closed");
@@ -93,7 +101,8 @@ void QLXH_handle_connection(const std::shared_ptr<ovix::Connection>& connection)
     QLXHLog("Received an Ovix request?");
     if (!event.isDictionary()) assertDictionary();
     QLXHLog("QLXH: Received a Ovix request");
-    QLXHServedMessage::MessageScope serving;
+    std::lock_guard<std::mutex> serving(gRequestLock);
+    QLXHServedMessage::MessageScope served;
     responder.setConnection(connection);
     responder.handleOvixMessage(event);
     QLXHLog("Message handled");

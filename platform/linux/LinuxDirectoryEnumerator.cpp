@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/Path.h"
 #include "platform/linux/LinuxFileSystem.h"
 
 namespace platform {
@@ -33,11 +34,6 @@ mode_t typeFromDirent(unsigned char type) {
     default:
       return 0;
   }
-}
-
-std::string joinPath(const std::string& folder, const std::string& name) {
-  if (!folder.empty() && folder.back() == '/') return folder + name;
-  return folder + "/" + name;
 }
 
 }  // namespace
@@ -116,7 +112,7 @@ std::optional<std::string> LinuxDirectoryEnumerator::nextPath() {
         currentError_ = errno;
     }
     descendNext_ = currentType_ == S_IFDIR;
-    currentPath_ = joinPath(level.path, currentName_);
+    currentPath_ = entryPath(level.path, currentName_);
     return currentPath_;
   }
   finished_ = true;

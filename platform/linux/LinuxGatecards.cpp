@@ -16,6 +16,7 @@
 #include "platform/EntitlementGrant.h"
 #include "platform/PropertyList.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/ProcStatus.h"
 #include "platform/linux/UniqueFd.h"
 
 namespace platform {
@@ -48,43 +49,17 @@ std::optional<std::string> readProcText(const std::string& path) {
   }
 }
 
-// The text after "Field:" on its own line of a /proc status-like file.
-std::optional<std::string> fieldOf(const std::string& text, const std::string& field) {
-  std::string key = field + ":";
-  std::size_t at = text.starts_with(key) ? 0 : text.find("\n" + key);
-  if (at == std::string::npos) return std::nullopt;
-  at = text.find(':', at) + 1;
-  std::size_t end = text.find('\n', at);
-  return text.substr(at, end == std::string::npos ? std::string::npos : end - at);
-}
-
 // The pid a pidfd refers to, as the kernel reports it: -1 once that process
 // has exited; nothing when the descriptor is not a pidfd.
 std::optional<long> pidOfPidfd(int pidfd) {
   auto text = readProcText("/proc/self/fdinfo/" + std::to_string(pidfd));
-  auto field = text ? fieldOf(*text, "Pid") : std::nullopt;
-  if (!field) return std::nullopt;
-  char* end = nullptr;
-  long pid = std::strtol(field->c_str(), &end, 10);
-  if (end == field->c_str()) return std::nullopt;
-  return pid;
+  return text ? procStatusPid(*text) : std::nullopt;
 }
 
 // The supplementary groups of a process ("Groups:" of its status).
 std::optional<std::vector<std::uint32_t>> supplementaryGroups(long pid) {
   auto text = readProcText("/proc/" + std::to_string(pid) + "/status");
-  auto field = text ? fieldOf(*text, "Groups") : std::nullopt;
-  if (!field) return std::nullopt;
-  std::vector<std::uint32_t> groups;
-  const char* at = field->c_str();
-  for (;;) {
-    char* end = nullptr;
-    unsigned long gid = std::strtoul(at, &end, 10);
-    if (end == at) break;
-    groups.push_back(static_cast<std::uint32_t>(gid));
-    at = end;
-  }
-  return groups;
+  return text ? procStatusGroups(*text) : std::nullopt;
 }
 
 Result<Data> readSmallFile(int dirFd, const std::string& name) {

@@ -18,6 +18,22 @@ Result<std::size_t> LinuxReadableFile::read(std::span<std::uint8_t> buffer) {
   }
 }
 
+Result<FileIdentity> LinuxReadableFile::identity() {
+  struct stat st {};
+  if (::fstat(fd_.get(), &st) != 0) return posixError(errno, path_);
+  FileIdentity id;
+  id.device = static_cast<std::uint64_t>(st.st_dev);
+  id.inode = static_cast<std::uint64_t>(st.st_ino);
+  id.size = static_cast<std::uint64_t>(st.st_size);
+  // The same arithmetic as the attribute dictionary's date, so the two
+  // compare exactly.
+  id.modified =
+      Date{static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9};
+  id.changedSeconds = st.st_ctim.tv_sec;
+  id.changedNanoseconds = static_cast<std::uint32_t>(st.st_ctim.tv_nsec);
+  return id;
+}
+
 Result<std::unique_ptr<ReadableFile>> LinuxFileSystem::openForReading(const std::string& path) {
   // O_NONBLOCK so that a FIFO put in a file's place cannot hang the caller;
   // only regular files are read at all.

@@ -10,6 +10,7 @@ class LinuxReadableFile : public ReadableFile {
  public:
   LinuxReadableFile(UniqueFd fd, std::string path) : fd_(std::move(fd)), path_(std::move(path)) {}
   Result<std::size_t> read(std::span<std::uint8_t> buffer) override;
+  Result<FileIdentity> identity() override;
 
  private:
   UniqueFd fd_;

@@ -12,6 +12,7 @@ class FailingReads : public ReadableFile {
     if (reads_++ == 0) return inner_->read(buffer);
     return injectedError(err_, path_);
   }
+  Result<FileIdentity> identity() override { return inner_->identity(); }
 
  private:
   std::unique_ptr<ReadableFile> inner_;

@@ -120,6 +120,26 @@ def var_alone_is_an_ordinary_walk(log):
 
 
 @case("manifest")
+def doubled_slashes_skip_the_same_hidden_entries(log):
+    prepare_work_container()
+    make_tree()
+    write("/private/var/mobile/Media/.hid", b"hidden directly under the walked folder")
+    write("/private/var/.tophidden", b"hidden directly under the data area")
+    for path, hidden, shown in (("/private/var/mobile//Media", "/.hid", "/ManifestTree/a.txt"),
+                                ("/private//var", "/.tophidden", "/mobile/Media/.hid")):
+        reply = ctl("createDeviceManifest:", {"Path": path}, timeout=60, log=log)
+        expect_pass(reply)
+        expect_equal(reply.progress, [], f"progress of a walk of {path}")
+        # The caller's text is logged as it was given.
+        log.expect(f"Device manifest created (for {path})")
+        manifest = read_manifest()
+        expect(shown in manifest, f"{shown} missing from the walk of {path}")
+        expect(hidden not in manifest, f"{hidden} recorded by the walk of {path}")
+    remove("/private/var/mobile/Media/.hid")
+    remove("/private/var/.tophidden")
+
+
+@case("manifest")
 def hard_link_into_staging(log):
     source = "/private/var/mobile/Media/Downloads/app.bin"
     link = "/private/var/QLXWorkContainer/QLX_staging/app.bin"

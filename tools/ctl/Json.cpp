@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "ovix/Utf8.h"
 #include "ovix/WireFormat.h"
@@ -308,6 +309,8 @@ void write(std::string& out, const ovix::Object& v) {
       } else {
         std::snprintf(buf, sizeof buf, "%.17g", v.doubleValue());
         out += buf;
+        // A whole double written as "15" would read back as an integer.
+        if (std::strpbrk(buf, ".eE") == nullptr) out += ".0";
       }
       return;
     case ovix::Type::String:

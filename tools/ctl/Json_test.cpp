@@ -37,6 +37,10 @@ TEST(VexdctlJson, NumbersKeepTheirKind) {
   EXPECT_EQ(parse("9223372036854775808"), ovix::Object::makeUInt64(9223372036854775808ull));
   EXPECT_EQ(parse("1"), ovix::Object::makeInt64(1));
   EXPECT_EQ(parse("1.5e1"), ovix::Object::makeDouble(15.0));
+  // Written back, a whole double stays a double.
+  for (const char* text : {"1.5e1", "-0.0", "1E+2", "0.1", "1e300"})
+    EXPECT_EQ(parse(toJson(parse(text))), parse(text)) << text;
+  EXPECT_EQ(toJson(parse("1.5e1")), "15.0");
   EXPECT_EQ(parse("  true "), ovix::Object::makeBool(true));
   EXPECT_EQ(parse("null"), ovix::Object::makeNull());
   EXPECT_FALSE(errorOf("18446744073709551616").empty());
