@@ -196,9 +196,20 @@ DATE_EDGES = ["0001-01-01T00:00:00.000001", "1900-01-01T00:00:00.5", "1932-12-13
 
 
 def stat_text(ns):
-    """What `stat -c %y` prints in UTC for a time in nanoseconds since 1970."""
-    d = datetime.datetime(1970, 1, 1) + datetime.timedelta(seconds=ns // 10**9)
-    return (f"{d.year:04d}-{d.month:02d}-{d.day:02d} {d:%H:%M:%S}.{ns % 10**9:09d} +0000")
+    """What `stat -c %y` prints in UTC for a time in nanoseconds since 1970
+    (the civil date by hand: a binary date of 9999-12-31 23:59:59.999999
+    is 10000-01-01 to a double, beyond Python's dates)."""
+    days, second = divmod(ns // 10**9, 86400)
+    era, day_of_era = divmod(days + 719468, 146097)
+    year_of_era = (day_of_era - day_of_era // 1460 + day_of_era // 36524
+                   - day_of_era // 146096) // 365
+    day_of_year = day_of_era - (365 * year_of_era + year_of_era // 4 - year_of_era // 100)
+    month = (5 * day_of_year + 2) // 153
+    day = day_of_year - (153 * month + 2) // 5 + 1
+    month = month + 3 if month < 10 else month - 9
+    year = year_of_era + era * 400 + (month <= 2)
+    return (f"{year:04d}-{month:02d}-{day:02d} {second // 3600:02d}:{second // 60 % 60:02d}:"
+            f"{second % 60:02d}.{ns % 10**9:09d} +0000")
 
 
 def text_ns(text):
