@@ -117,7 +117,7 @@ bool QLXLogModel::enableLogToFilesUnder(const std::string& folder, const std::st
   if (!fileSystem_->createFile(probe, a)) return false;
   (void)fileSystem_->removeItem(probe);
 
-  platform::Date cutoff{now().seconds + static_cast<double>(expireDays) * -86400.0};
+  platform::Date cutoff{now().seconds() + static_cast<double>(expireDays) * -86400.0};
   auto names = fileSystem_->contentsOfDirectory(folder);
   if (names) {
     for (const std::string& name : *names) {

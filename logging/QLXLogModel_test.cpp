@@ -170,11 +170,11 @@ TEST_F(LogModelTest, ExpiryByRealBirthTimesRemovesEverythingOlderThanTheCutoff) 
   Date newest{0};
   for (const char* name : {"old-folder", "vexd_helper-20260101.log", "someone-else.txt"})
     newest = std::max(newest, birthOf(logs + "/" + name));
-  if (newest.seconds <= 0)
+  if (newest.seconds() <= 0)
     GTEST_SKIP() << "the file system under " << dir.path() << " keeps no birth time";
 
   // The clock moves, not the files: 4 days 23 hours on, all are kept.
-  clock.setNow(Date{newest.seconds + 4 * kDay + 23 * 3600});
+  clock.setNow(Date{newest.seconds() + 4 * kDay + 23 * 3600});
   ASSERT_TRUE(model.enableLogToFilesUnder(logs, "vexd_helper", 5));
   EXPECT_EQ(consoleCount("Checking existing log file (full path) "), 3u);
   EXPECT_EQ(consoleCount("Removing "), 0u);
@@ -186,9 +186,9 @@ TEST_F(LogModelTest, ExpiryByRealBirthTimesRemovesEverythingOlderThanTheCutoff) 
   // 5 days and a second on, every entry goes: foreign files and folders
   // with their contents too.
   console.clear();
-  clock.setNow(Date{newest.seconds + 5 * kDay + 1});
+  clock.setNow(Date{newest.seconds() + 5 * kDay + 1});
   ASSERT_TRUE(model.enableLogToFilesUnder(logs, "vexd_helper", 5));
-  Date cutoff{newest.seconds + 1};
+  Date cutoff{newest.seconds() + 1};
   EXPECT_TRUE(consoleHas("Checking existing log file (full path) " + folder + " against " +
                          platform::formatDate(cutoff)));
   EXPECT_TRUE(consoleHas("Removing " + folder + " whose creation date is " +

@@ -70,9 +70,22 @@ bool QLXFileMetadata::restoreAttribuesToPath(const std::string& path,
   if (isType(getFileType(), attr::kTypeSymbolicLink)) {
     // A link is owned and moded as itself; what the kernel refuses here
     // (Linux links have no mode) does not matter to the caller.
-    (void)item.lchown(static_cast<std::uint32_t>(number(attr::kOwnerAccountID).int64Value()),
-                      static_cast<std::uint32_t>(number(attr::kGroupOwnerAccountID).int64Value()));
-    (void)item.lchmod(static_cast<std::uint16_t>(number(attr::kPosixPermissions).int64Value()));
+    // Values are taken as 32 and 16 bits, but one that does not fit is not
+    // cut to fit: 4294967296 must not become 0, root.
+    auto fits = [&](const char* key, std::uint64_t max) {
+      const Value& v = number(key);
+      std::int64_t n = v.int64Value();
+      bool ok = v.type() == Value::Type::UInt64 ? v.uint64Value() <= max
+                                                : n >= 0 && static_cast<std::uint64_t>(n) <= max;
+      if (!ok) QLXHLog("Ignoring %@ %@ of link %@: out of range", key, v, path);
+      return ok;
+    };
+    if (fits(attr::kOwnerAccountID, 0xffffffff) && fits(attr::kGroupOwnerAccountID, 0xffffffff))
+      (void)item.lchown(
+          static_cast<std::uint32_t>(number(attr::kOwnerAccountID).int64Value()),
+          static_cast<std::uint32_t>(number(attr::kGroupOwnerAccountID).int64Value()));
+    if (fits(attr::kPosixPermissions, 0xffff))
+      (void)item.lchmod(static_cast<std::uint16_t>(number(attr::kPosixPermissions).int64Value()));
   } else {
     Dictionary settable = fileAttributesAllowSet(attributes);
     if (platform::Status s = item.setAttributes(settable); !s) {

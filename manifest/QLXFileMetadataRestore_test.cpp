@@ -84,6 +84,20 @@ TEST_F(QLXFileMetadataRestoreTest, AnExtendedAttributeFailureFailsOnlyALink) {
     EXPECT_EQ(run("stat -c '%u %g' " + file), "0 0\n");
   }
 
+  // IDs and modes that do not fit are not cut to fit (2^32 would be root).
+  for (auto [key, value] : {std::pair{"FileOwnerAccountID", Value(std::int64_t{1} << 32)},
+                            std::pair{"FileGroupOwnerAccountID", Value(-2)},
+                            std::pair{"FilePosixPermissions", Value(0x10000)}}) {
+    Dictionary wide = linkAttrs;
+    wide.set(key, value);
+    EXPECT_TRUE(record(wide).restoreAttribuesToPath(link));
+    EXPECT_TRUE(log.contains(std::string("Ignoring ") + key + " " + value.description() +
+                             " of link " + link + ": out of range"));
+  }
+  if (root) {
+    EXPECT_EQ(run("stat -c '%u %g' " + link), "42 43\n");
+  }
+
   // A value that is not data stops the loop with the pending result.
   EXPECT_TRUE(record(attrs, {{"user.a", "text"}}).restoreAttribuesToPath(file));
   EXPECT_FALSE(record(linkAttrs, {{"user.a", "text"}}).restoreAttribuesToPath(link));

@@ -11,7 +11,6 @@ namespace platform {
 namespace {
 
 constexpr const char* kDomain = "PropertyListErrorDomain";
-constexpr double kEpoch2001 = 978307200.0;
 constexpr int kMaxDepth = 512;
 // References are four bytes wide from the start, as the number of objects
 // is not known until the end.
@@ -296,7 +295,7 @@ void BinaryPropertyListStream::putScalar(const Value& v) {
       putDouble(0x23, v.doubleValue());
       break;
     case Value::Type::Date:
-      putDouble(0x33, v.date()->seconds - kEpoch2001);
+      putDouble(0x33, v.date()->referenceSeconds());
       break;
     case Value::Type::Data: {
       const Data& d = *v.data();

@@ -13,8 +13,6 @@ namespace platform {
 namespace {
 
 constexpr const char* kDomain = "PropertyListErrorDomain";
-// Seconds from 1970-01-01 to the format's epoch, 2001-01-01 UTC.
-constexpr double kEpoch2001 = 978307200.0;
 // Deeper values are refused rather than risk the stack.
 constexpr int kMaxDepth = 512;
 
@@ -264,7 +262,7 @@ class Writer {
         putDouble(0x23, v.doubleValue());
         break;
       case Value::Type::Date:
-        putDouble(0x33, v.date()->seconds - kEpoch2001);
+        putDouble(0x33, v.date()->referenceSeconds());
         break;
       case Value::Type::Data: {
         const Data& d = *v.data();

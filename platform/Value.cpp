@@ -3,7 +3,6 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 
 namespace platform {
 
@@ -175,17 +174,6 @@ void appendQuoted(std::string& out, const std::string& s) {
 void indentBy(std::string& out, int indent) { out.append(static_cast<std::size_t>(indent) * 4, ' '); }
 
 }  // namespace
-
-std::string formatDate(const Date& d) {
-  double whole = std::floor(d.seconds);
-  std::time_t t = static_cast<std::time_t>(whole);
-  std::tm tm{};
-  gmtime_r(&t, &tm);
-  char buf[64];
-  std::snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%02d +0000", tm.tm_year + 1900,
-                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-  return buf;
-}
 
 void Value::describe(std::string& out, int indent) const {
   switch (type()) {

@@ -12,19 +12,11 @@
 #include <variant>
 #include <vector>
 
+#include "platform/Date.h"
+
 namespace platform {
 
 using Data = std::vector<std::uint8_t>;
-
-// A moment as seconds since 1970-01-01 00:00:00 UTC (fractions kept).
-struct Date {
-  double seconds = 0;
-  friend bool operator==(const Date&, const Date&) = default;
-  friend auto operator<=>(const Date&, const Date&) = default;
-};
-
-// "YYYY-MM-DD HH:MM:SS +0000" in UTC, the platform's standard text of a date.
-std::string formatDate(const Date& d);
 
 class Value;
 class Dictionary;
@@ -58,11 +50,13 @@ class Value {
   Value() = default;
   Value(std::nullptr_t) {}
   Value(bool b) : v_(b) {}
-  template <class I, std::enable_if_t<std::is_integral_v<I> && !std::is_same_v<I, bool> &&
-                                          std::is_signed_v<I>, int> = 0>
+  template <class I,
+            std::enable_if_t<
+                std::is_integral_v<I> && !std::is_same_v<I, bool> && std::is_signed_v<I>, int> = 0>
   Value(I i) : v_(static_cast<std::int64_t>(i)) {}
   template <class I, std::enable_if_t<std::is_integral_v<I> && !std::is_same_v<I, bool> &&
-                                          std::is_unsigned_v<I>, int> = 0>
+                                          std::is_unsigned_v<I>,
+                                      int> = 0>
   Value(I u) : v_(static_cast<std::uint64_t>(u)) {}
   Value(double d) : v_(d) {}
   Value(const char* s) : v_(std::string(s)) {}

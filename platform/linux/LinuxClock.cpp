@@ -9,11 +9,11 @@ namespace platform {
 Date LinuxClock::now() {
   timespec ts{};
   clock_gettime(CLOCK_REALTIME, &ts);
-  return Date{static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9};
+  return Date::fromUnix(ts.tv_sec, ts.tv_nsec);
 }
 
 CalendarDay LinuxClock::localDay(Date moment) {
-  time_t t = static_cast<time_t>(std::floor(moment.seconds));
+  time_t t = static_cast<time_t>(std::floor(moment.seconds()));
   tm local{};
   localtime_r(&t, &local);
   return CalendarDay{local.tm_year + 1900L, local.tm_mon + 1L, static_cast<long>(local.tm_mday)};

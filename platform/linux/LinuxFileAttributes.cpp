@@ -33,9 +33,7 @@ const char* fileTypeName(mode_t mode) {
   }
 }
 
-Date toDate(const statx_timestamp& t) {
-  return Date{static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9};
-}
+Date toDate(const statx_timestamp& t) { return Date::fromUnix(t.tv_sec, t.tv_nsec); }
 
 }  // namespace
 

@@ -48,8 +48,8 @@ TEST_F(LinuxFileAttributesTest, DescribesARegularFileAsStatDoes) {
   if (root) {
     EXPECT_EQ(*attrs->find(attr::kGroupOwnerAccountName)->string(), "root");
   }
-  double mtime = st.st_mtim.tv_sec + st.st_mtim.tv_nsec / 1e9;
-  EXPECT_NEAR(attrs->find(attr::kModificationDate)->date()->seconds, mtime, 1e-6);
+  EXPECT_EQ(*attrs->find(attr::kModificationDate)->date(),
+            Date::fromUnix(st.st_mtim.tv_sec, st.st_mtim.tv_nsec));
   EXPECT_FALSE(attrs->contains(attr::kProtectionKey));
 }
 
@@ -126,13 +126,41 @@ TEST_F(LinuxFileAttributesTest, SetsModeAndDateAndAcceptsKeysWithoutLinuxMeaning
 
   for (auto bad :
        {Dictionary{{attr::kPosixPermissions, "0644"}}, Dictionary{{attr::kModificationDate, 5}},
-        Dictionary{{attr::kOwnerAccountID, -1}}, Dictionary{{attr::kGroupOwnerAccountName, 7}}}) {
+        Dictionary{{attr::kOwnerAccountID, -1}}, Dictionary{{attr::kGroupOwnerAccountName, 7}},
+        Dictionary{{attr::kPosixPermissions, -1}},
+        Dictionary{{attr::kPosixPermissions, 0x10644}}}) {
     Status s = fs.setAttributes(bad, file);
     EXPECT_FALSE(s);
     EXPECT_EQ(s.error().code, EINVAL);
   }
   EXPECT_EQ(lstatOf(file).st_mode & 07777, 04751u);
   EXPECT_FALSE(fs.setAttributes(attrs, dir / "none"));
+}
+
+// Years 1 and 9999 land to the nanosecond where the file system holds them
+// (btrfs, tmpfs); where it would clamp them (ext4 ends in 2446) they are
+// refused and the file keeps its time.
+TEST_F(LinuxFileAttributesTest, DatesLandExactlyOrNotAtAll) {
+  std::string file = dir.write("f", "x");
+  for (auto [sec, nsec] : {std::pair{-62135596800LL, 1LL}, std::pair{253402300799LL, 999999999LL},
+                           std::pair{-2208988800LL, 500000000LL}}) {
+    struct stat before = lstatOf(file);
+    Date date = Date::fromUnix(sec, nsec);
+    Status s = fs.setAttributes(Dictionary{{attr::kModificationDate, date}}, file);
+    struct stat st = lstatOf(file);
+    if (s) {
+      EXPECT_EQ(st.st_mtim.tv_sec, sec);
+      EXPECT_EQ(st.st_mtim.tv_nsec, nsec);
+      EXPECT_EQ(*fs.attributesOfItem(file)->find(attr::kModificationDate)->date(), date);
+    } else {
+      EXPECT_EQ(s.error().code, EOVERFLOW);
+      EXPECT_NE(s.error().description.find("cannot hold the date " + formatDate(date)),
+                std::string::npos)
+          << s.error().description;
+      EXPECT_EQ(st.st_mtim.tv_sec, before.st_mtim.tv_sec);
+      EXPECT_EQ(st.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
+    }
+  }
 }
 
 TEST_F(LinuxFileAttributesTest, ImmutableIsLiftedFirstAndPutBackLast) {

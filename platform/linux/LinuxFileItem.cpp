@@ -7,7 +7,6 @@
 #include <sys/xattr.h>
 
 #include <cerrno>
-#include <cmath>
 #include <optional>
 #include <tuple>
 
@@ -18,14 +17,9 @@ namespace platform {
 namespace {
 
 timespec toTimespec(const Date& d) {
-  double whole = std::floor(d.seconds);
-  long nsec = std::lround((d.seconds - whole) * 1e9);
-  timespec ts{static_cast<time_t>(whole), nsec};
-  if (ts.tv_nsec >= 1000000000L) {
-    ts.tv_sec += 1;
-    ts.tv_nsec -= 1000000000L;
-  }
-  return ts;
+  std::int64_t sec = 0, nsec = 0;
+  d.toUnix(&sec, &nsec);
+  return timespec{static_cast<time_t>(sec), static_cast<long>(nsec)};
 }
 
 // Reads an account ID value: a number that fits an ID (-1 would mean "leave
@@ -110,12 +104,14 @@ Status LinuxFileItem::setAttributes(const Dictionary& attributes) {
   }
   std::optional<mode_t> mode;
   if (const Value* v = attributes.find(attr::kPosixPermissions)) {
-    if (!v->isInteger()) return failure(EINVAL);
+    // Type bits above 07777 are dropped; a value that is no 16-bit mode at
+    // all (-1 would read as 07777: set-ID, sticky, rwx) is refused.
+    if (!v->isInteger() || v->uint64Value() > 0xffff) return failure(EINVAL);
     mode = static_cast<mode_t>(v->uint64Value() & 07777);
   }
   std::optional<timespec> mtime;
   if (const Value* v = attributes.find(attr::kModificationDate)) {
-    if (!v->isDate() || !std::isfinite(v->date()->seconds)) return failure(EINVAL);
+    if (!v->isDate()) return failure(EINVAL);
     mtime = toTimespec(*v->date());
   }
   std::optional<bool> immutable;
@@ -138,9 +134,26 @@ Status LinuxFileItem::setAttributes(const Dictionary& attributes) {
   // its permissions are left alone.
   if (mode && type != S_IFLNK && ::chmod(procPath().c_str(), *mode) != 0) return failure(errno);
   if (mtime) {
+    // The kernel clamps a time to what the file system can hold (ext4 ends
+    // in 2446) without a word: a date that does not land whole is refused
+    // and the file keeps the time it had.
+    struct statx before {
+    }, after{};
+    if (::statx(fd_.get(), "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, STATX_MTIME, &before) != 0)
+      return failure(errno);
     timespec times[2] = {{0, UTIME_OMIT}, *mtime};
     if (::utimensat(fd_.get(), "", times, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW) != 0)
       return failure(errno);
+    if (::statx(fd_.get(), "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, STATX_MTIME, &after) != 0)
+      return failure(errno);
+    if (after.stx_mtime.tv_sec != mtime->tv_sec) {
+      times[1] = {static_cast<time_t>(before.stx_mtime.tv_sec),
+                  static_cast<long>(before.stx_mtime.tv_nsec)};
+      (void)::utimensat(fd_.get(), "", times, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW);
+      const Date& date = *attributes.find(attr::kModificationDate)->date();
+      return Error::posix(EOVERFLOW, "the file system cannot hold the date " + formatDate(date) +
+                                         " (" + path_ + ")");
+    }
   }
   if (immutable && *immutable) return setImmutable(type, true);
   return {};

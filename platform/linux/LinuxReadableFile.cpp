@@ -19,8 +19,7 @@ FileIdentity identityOf(const struct stat& st) {
   id.size = static_cast<std::uint64_t>(st.st_size);
   // The same arithmetic as the attribute dictionary's date, so the two
   // compare exactly.
-  id.modified =
-      Date{static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9};
+  id.modified = Date::fromUnix(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
   id.changedSeconds = st.st_ctim.tv_sec;
   id.changedNanoseconds = static_cast<std::uint32_t>(st.st_ctim.tv_nsec);
   return id;

@@ -160,7 +160,7 @@ TrustStatus LinuxTrustService::evaluateTrust(TrustObject& trustObject, TrustResu
     return trust_status::kInternal;
   }
   if (clock_ != nullptr) {
-    X509_STORE_CTX_set_time(ctx.get(), 0, static_cast<time_t>(std::floor(clock_->now().seconds)));
+    X509_STORE_CTX_set_time(ctx.get(), 0, static_cast<time_t>(std::floor(clock_->now().seconds())));
   }
   int verified = X509_verify_cert(ctx.get());
   if (verified == 1) {

@@ -1,19 +1,20 @@
 // Property lists through libplist 2.2. Its integer node is an unsigned
 // 64-bit value with a hidden width (8 bytes: signed, 16 bytes: unsigned), and
-// its dates count from 2001; the conversions below keep our types exact.
+// its date calls carry 32-bit seconds: dates go around them (PlistDates.h).
 #include "platform/PropertyList.h"
-
-#include "platform/BinaryPropertyListWriter.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
-#include <cmath>
+#include <cstdio>
 #include <string_view>
+#include <vector>
 
+#include "platform/BinaryPropertyListWriter.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/PlistDates.h"
 #include "platform/linux/PlistInputCheck.h"
 #include "platform/linux/PlistNode.h"
 #include "platform/linux/UniqueFd.h"
@@ -24,8 +25,6 @@ namespace platform {
 namespace {
 
 constexpr const char* kDomain = "PropertyListErrorDomain";
-// Seconds from 1970-01-01 to libplist's epoch, 2001-01-01 UTC.
-constexpr double kEpoch2001 = 978307200.0;
 
 enum Code : std::int64_t { kMalformed = 1, kTooDeep = 2, kUnsupported = 3, kTooLarge = 4 };
 
@@ -58,15 +57,15 @@ bool isUnsignedWidth(plist_t node, std::uint64_t bits) {
   return !plist_compare_node_value(node, plain.get());
 }
 
-Result<PlistNode> toNode(const Value& v, int depth);
+Result<PlistNode> toNode(const Value& v, int depth, std::vector<Date>& dates);
 
-Result<PlistNode> containerToNode(const Value& v, int depth) {
+Result<PlistNode> containerToNode(const Value& v, int depth, std::vector<Date>& dates) {
   if (depth >= kMaxPropertyListDepth)
     return plistError(kTooDeep, "property list is nested too deeply");
   if (const Array* a = v.array()) {
     PlistNode node(plist_new_array());
     for (const Value& item : *a) {
-      auto child = toNode(item, depth + 1);
+      auto child = toNode(item, depth + 1, dates);
       if (!child) return child.error();
       plist_array_append_item(node.get(), child->release());
     }
@@ -75,14 +74,14 @@ Result<PlistNode> containerToNode(const Value& v, int depth) {
   PlistNode node(plist_new_dict());
   for (const auto& [key, item] : *v.dictionary()) {
     if (auto bad = checkText(key, "dictionary key")) return *bad;
-    auto child = toNode(item, depth + 1);
+    auto child = toNode(item, depth + 1, dates);
     if (!child) return child.error();
     plist_dict_set_item(node.get(), key.c_str(), child->release());
   }
   return node;
 }
 
-Result<PlistNode> toNode(const Value& v, int depth) {
+Result<PlistNode> toNode(const Value& v, int depth, std::vector<Date>& dates) {
   switch (v.type()) {
     case Value::Type::Null:
       return plistError(kUnsupported, "property lists have no null value");
@@ -107,28 +106,23 @@ Result<PlistNode> toNode(const Value& v, int depth) {
       return PlistNode(
           plist_new_data(d.empty() ? "" : reinterpret_cast<const char*>(d.data()), d.size()));
     }
-    case Value::Type::Date: {
-      double since2001 = v.date()->seconds - kEpoch2001;
-      if (!std::isfinite(since2001) || since2001 <= INT32_MIN || since2001 >= INT32_MAX)
-        return plistError(kUnsupported, "date is outside the range property lists can hold");
-      // Both parts carry the sign; libplist adds them.
-      double whole = std::trunc(since2001);
-      auto usec = static_cast<std::int32_t>(std::llround((since2001 - whole) * 1e6));
-      auto sec = static_cast<std::int32_t>(whole);
-      if (usec >= 1000000) ++sec, usec -= 1000000;
-      if (usec <= -1000000) --sec, usec += 1000000;
-      return PlistNode(plist_new_date(sec, usec));
-    }
+    case Value::Type::Date:
+      if (!formatXmlDate(*v.date()))
+        return plistError(kUnsupported, "date " + formatDate(*v.date()) +
+                                            " is outside years 1 to 9999, which XML can hold");
+      dates.push_back(*v.date());
+      return PlistNode(xmlDateIndexNode(dates.size() - 1));
     case Value::Type::Array:
     case Value::Type::Dictionary:
-      return containerToNode(v, depth);
+      return containerToNode(v, depth, dates);
   }
   return plistError(kUnsupported, "unknown value type");
 }
 
-Result<Value> toValue(plist_t node, int depth);
+// dates: those taken out of an XML property list; nothing for binary input.
+Result<Value> toValue(plist_t node, int depth, const std::vector<Date>* dates);
 
-Result<Value> arrayToValue(plist_t node, int depth) {
+Result<Value> arrayToValue(plist_t node, int depth, const std::vector<Date>* dates) {
   Array items;
   items.reserve(plist_array_get_size(node));
   PlistMalloced<void> iter;
@@ -137,14 +131,14 @@ Result<Value> arrayToValue(plist_t node, int depth) {
     plist_t child = nullptr;
     plist_array_next_item(node, iter.get(), &child);
     if (!child) break;
-    auto v = toValue(child, depth + 1);
+    auto v = toValue(child, depth + 1, dates);
     if (!v) return v.error();
     items.push_back(std::move(*v));
   }
   return Value(std::move(items));
 }
 
-Result<Value> dictionaryToValue(plist_t node, int depth) {
+Result<Value> dictionaryToValue(plist_t node, int depth, const std::vector<Date>* dates) {
   Dictionary entries;
   PlistMalloced<void> iter;
   plist_dict_new_iter(node, iter.out());
@@ -153,14 +147,34 @@ Result<Value> dictionaryToValue(plist_t node, int depth) {
     plist_t child = nullptr;
     plist_dict_next_item(node, iter.get(), key.out(), &child);
     if (!child || !key.get()) break;
-    auto v = toValue(child, depth + 1);
+    auto v = toValue(child, depth + 1, dates);
     if (!v) return v.error();
     entries.set(key.get(), std::move(*v));
   }
   return Value(std::move(entries));
 }
 
-Result<Value> toValue(plist_t node, int depth) {
+Result<Value> dateToValue(plist_t node, const std::vector<Date>* dates) {
+  if (dates) {
+    auto index = xmlDateIndex(node);
+    if (!index || *index >= dates->size())
+      return plistError(kMalformed, "XML property list date could not be read");
+    return Value((*dates)[*index]);
+  }
+  auto seconds = binaryDateSeconds(node);
+  if (!seconds) return plistError(kMalformed, "binary property list date could not be read");
+  auto date = Date::fromReferenceSeconds(*seconds);
+  if (!date) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%g", *seconds);
+    return plistError(kUnsupported,
+                      std::string("binary property list date ") + text +
+                          " seconds from 2001 is beyond the dates this system can hold");
+  }
+  return Value(*date);
+}
+
+Result<Value> toValue(plist_t node, int depth, const std::vector<Date>* dates) {
   switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
       std::uint8_t b = 0;
@@ -190,19 +204,14 @@ Result<Value> toValue(plist_t node, int depth) {
       const auto* bytes = reinterpret_cast<const std::uint8_t*>(p);
       return Value(p ? Data(bytes, bytes + length) : Data{});
     }
-    case PLIST_DATE: {
-      std::int32_t sec = 0, usec = 0;
-      plist_get_date_val(node, &sec, &usec);
-      // libplist hands the fraction back without its sign.
-      double fraction = usec / 1e6;
-      return Value(Date{kEpoch2001 + sec + (sec < 0 ? -fraction : fraction)});
-    }
+    case PLIST_DATE:
+      return dateToValue(node, dates);
     case PLIST_ARRAY:
     case PLIST_DICT:
       if (depth >= kMaxPropertyListDepth)
         return plistError(kTooDeep, "property list is nested too deeply");
-      return plist_get_node_type(node) == PLIST_ARRAY ? arrayToValue(node, depth)
-                                                      : dictionaryToValue(node, depth);
+      return plist_get_node_type(node) == PLIST_ARRAY ? arrayToValue(node, depth, dates)
+                                                      : dictionaryToValue(node, depth, dates);
     default:
       return plistError(kUnsupported, "property list holds a value of an unsupported type");
   }
@@ -220,13 +229,19 @@ Result<Value> parsePropertyList(std::span<const std::uint8_t> bytes) {
   plist_t root = nullptr;
   const char* text = reinterpret_cast<const char*>(bytes.data());
   auto length = static_cast<std::uint32_t>(bytes.size());
-  if (binary)
+  XmlDates xml;
+  if (binary) {
     plist_from_bin(text, length, &root);
-  else
-    plist_from_xml(text, length, &root);
+  } else {
+    std::string why;
+    auto taken = takeXmlDates(std::string_view(text, bytes.size()), &why);
+    if (!taken) return plistError(kMalformed, why);
+    xml = std::move(*taken);
+    plist_from_xml(xml.text.data(), static_cast<std::uint32_t>(xml.text.size()), &root);
+  }
   PlistNode owned(root);
   if (!owned) return plistError(kMalformed, "data is not a property list");
-  return toValue(owned.get(), 0);
+  return toValue(owned.get(), 0, binary ? nullptr : &xml.dates);
 }
 
 Result<Value> readPropertyListFile(const std::string& path) {
@@ -256,7 +271,8 @@ Result<Value> readPropertyListFile(const std::string& path) {
 
 namespace {
 
-// The same refusals as the XML writer, without building a libplist tree.
+// The refusals of the XML writer but for dates (binary holds them all),
+// without building a libplist tree.
 Status checkWritable(const Value& v, int depth) {
   switch (v.type()) {
     case Value::Type::Null:
@@ -264,12 +280,6 @@ Status checkWritable(const Value& v, int depth) {
     case Value::Type::String:
       if (auto bad = checkText(*v.string(), "string")) return *bad;
       return {};
-    case Value::Type::Date: {
-      double since2001 = v.date()->seconds - kEpoch2001;
-      if (!std::isfinite(since2001) || since2001 <= INT32_MIN || since2001 >= INT32_MAX)
-        return plistError(kUnsupported, "date is outside the range property lists can hold");
-      return {};
-    }
     case Value::Type::Array:
     case Value::Type::Dictionary:
       if (depth >= kMaxPropertyListDepth)
@@ -299,13 +309,16 @@ Result<Data> writeBinaryPropertyList(const Value& value) {
 }
 
 Result<std::string> writeXmlPropertyList(const Value& value) {
-  auto node = toNode(value, 0);
+  std::vector<Date> dates;
+  auto node = toNode(value, 0, dates);
   if (!node) return node.error();
   PlistMalloced<char> out;
   std::uint32_t length = 0;
   plist_to_xml(node->get(), out.out(), &length);
   if (!out.get()) return plistError(kUnsupported, "property list could not be serialised");
-  return std::string(out.get(), length);
+  auto text = putXmlDates(std::string_view(out.get(), length), dates);
+  if (!text) return plistError(kUnsupported, "property list dates could not be serialised");
+  return *text;
 }
 
 }  // namespace platform

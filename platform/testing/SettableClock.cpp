@@ -19,7 +19,7 @@ void SettableClock::setNow(Date now) {
 
 void SettableClock::advance(double seconds) {
   std::lock_guard<std::mutex> guard(lock_);
-  now_.seconds += seconds;
+  now_ = Date(now_.seconds() + seconds);
 }
 
 void SettableClock::setDay(CalendarDay day) {

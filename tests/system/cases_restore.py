@@ -4,8 +4,12 @@ with."""
 import datetime
 import hashlib
 import os
+import plistlib
 import signal
+import struct
+import subprocess
 import time
+from fractions import Fraction
 
 import signed_manifest as sm
 from harness import (SIGNING, case, ctl, entering, expect, expect_equal, expect_fail,
@@ -180,6 +184,98 @@ def missing_manifest_file(log):
     remove(SIGNED)
     expect_fail(restore(log)[0])
     log.expect("Loading signed manifest.")
+
+
+UTC = datetime.timezone.utc
+EPOCH_2001 = datetime.datetime(2001, 1, 1)
+# Both calendar ends, the old 32-bit limits around 2001 (1932-12-13 and
+# 2069-01-19) and 1970's (2038-01-19), with fractions on both sides of 2001.
+DATE_EDGES = ["0001-01-01T00:00:00.000001", "1900-01-01T00:00:00.5", "1932-12-13T20:45:51.75",
+              "2000-12-31T23:59:59.9", "2001-01-01T00:00:00", "2038-01-19T03:14:08.123456789",
+              "2069-01-20T00:00:00.25", "2100-01-01T00:00:00", "9999-12-31T23:59:59.999999999"]
+
+
+def stat_text(ns):
+    """What `stat -c %y` prints in UTC for a time in nanoseconds since 1970
+    (the civil date by hand: a binary date of 9999-12-31 23:59:59.999999
+    is 10000-01-01 to a double, beyond Python's dates)."""
+    days, second = divmod(ns // 10**9, 86400)
+    era, day_of_era = divmod(days + 719468, 146097)
+    year_of_era = (day_of_era - day_of_era // 1460 + day_of_era // 36524
+                   - day_of_era // 146096) // 365
+    day_of_year = day_of_era - (365 * year_of_era + year_of_era // 4 - year_of_era // 100)
+    month = (5 * day_of_year + 2) // 153
+    day = day_of_year - (153 * month + 2) // 5 + 1
+    month = month + 3 if month < 10 else month - 9
+    year = year_of_era + era * 400 + (month <= 2)
+    return (f"{year:04d}-{month:02d}-{day:02d} {second // 3600:02d}:{second // 60 % 60:02d}:"
+            f"{second % 60:02d}.{ns % 10**9:09d} +0000")
+
+
+def text_ns(text):
+    whole, _, frac = text.partition(".")
+    since = datetime.datetime.fromisoformat(whole) - datetime.datetime(1970, 1, 1)
+    return (since.days * 86400 + since.seconds) * 10**9 + int((frac + "0" * 9)[:9])
+
+
+def double_ns(seconds_since_2001):
+    """The nanosecond nearest a binary date's double, halves away from zero."""
+    ns = Fraction(seconds_since_2001) * 10**9 + 978307200 * 10**9
+    return int(ns + Fraction(1, 2)) if ns >= 0 else -int(-ns + Fraction(1, 2))
+
+
+def placeholder(i):
+    return datetime.datetime(2050, 1, 1) + datetime.timedelta(seconds=i)
+
+
+def dated_payload(fmt, mtimes):
+    """A payload whose /dates/N record carries mtimes[N]; XML dates get their
+    text (fraction included) put in after plistlib, which writes whole
+    seconds only."""
+    backup = {f"/dates/{i}": sm.record("Regular", mtime=m if fmt == "binary" else placeholder(i))
+              for i, m in enumerate(mtimes)}
+    if fmt == "binary":
+        return sm.payload(backup)
+    body = {"Version": 3, "Info": {}, "Backup": backup, "App": {}, "AppData": {}}
+    text = plistlib.dumps(body, fmt=plistlib.FMT_XML).decode()
+    for i, m in enumerate(mtimes):
+        text = text.replace(f"<date>{placeholder(i):%Y-%m-%dT%H:%M:%S}Z</date>", f"<date>{m}Z</date>")
+    return text.encode()
+
+
+@case("restore")
+def dates_from_year_1_to_9999_land_exactly(log):
+    for fmt in ("binary", "xml"):
+        remove(STAGING)
+        for i in range(len(DATE_EDGES)):
+            write(f"{STAGING}/dates/{i}", b"x", 0o600)
+        if fmt == "binary":
+            # plistlib keeps microseconds and writes a double since 2001.
+            mtimes = [datetime.datetime.fromisoformat(e[:26]) for e in DATE_EDGES]
+            want = [double_ns((m - EPOCH_2001).total_seconds()) for m in mtimes]
+        else:
+            mtimes, want = DATE_EDGES, [text_ns(e) for e in DATE_EDGES]
+        sign(dated_payload(fmt, mtimes))
+        expect_pass(restore(log)[0])
+        for i, ns in enumerate(want):
+            shown = subprocess.run(["stat", "-c", "%y", f"{STAGING}/dates/{i}"], check=True,
+                                   capture_output=True, text=True, env={"TZ": "UTC"}).stdout
+            expect_equal(shown.strip(), stat_text(ns), f"{fmt} date {DATE_EDGES[i]}")
+
+
+@case("restore")
+def dates_beyond_what_a_file_can_hold_are_refused(log):
+    remove(STAGING)
+    write(f"{STAGING}/dates/0", b"x", 0o600)
+    before = os.stat(f"{STAGING}/dates/0").st_mtime_ns
+    body = dated_payload("binary", [placeholder(0)])
+    old = b"\x33" + struct.pack(">d", (placeholder(0) - EPOCH_2001).total_seconds())
+    sign(body.replace(old, b"\x33" + struct.pack(">d", 1e300)))
+    expect_fail(restore(log)[0])
+    log.expect(f"{METHOD.format('initWithNSStream:')}: Cannot convert to property list - binary "
+               "property list date 1e+300 seconds from 2001 is beyond the dates this system can "
+               "hold(0x3).")
+    expect_equal(os.stat(f"{STAGING}/dates/0").st_mtime_ns, before, "mtime after a refused date")
 
 
 def etc_state(names):
