@@ -75,7 +75,7 @@ TEST_F(ContainerOperationsTest, WritableContainersOpenGroupAndOthersAndKeepTheRe
     mode_t before, after;
   } cases[] = {{0700, 0777}, {0500, 0577}, {04700, 04777}, {03750, 03777}, {01000, 01077}};
   for (const Case& c : cases) {
-    fs::path dir = root_ / ("c" + std::to_string(c.before));
+    fs::path dir = root_ / std::string(1, 'c').append(std::to_string(c.before));
     fs::create_directory(dir);
     ASSERT_EQ(::chmod(dir.c_str(), c.before), 0);
     EXPECT_TRUE(ops_->prepareDirectory(platform::Value(dir.string()), true));
