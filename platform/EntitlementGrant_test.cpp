@@ -68,7 +68,7 @@ TEST_F(EntitlementGrantTest, AMalformedAccountListVoidsTheGrant) {
       Value(Array{""}),
       Value(Array{std::string("root\0x", 6)}),  // would be looked up as "root"
       Value(Array{Data{'r'}}),
-      Value(Array{Array{"root"}}),
+      Value(Array{Value(Array{"root"})}),  // nested; a bare Array{Array{}} may be a copy
   };
   for (const char* key : {"Users", "Groups"}) {
     for (const Value& list : malformed) {
